@@ -1,0 +1,420 @@
+// Batch submission: every item validated and turned into a finished body
+// before anything is sent, then one request to signals/batch or chunks of
+// _SIGNALS_BATCH_CLIENT_CHUNK_SIZE bodies, merged into one BatchSubmitResult
+// that accounts for every item even when a chunk fails.
+#include "core/function.hpp"
+#include "core/python.hpp"
+#include "members.hpp"
+#include "request_errors.hpp"
+
+namespace tallowmere {
+
+namespace {
+
+constexpr long batch_accepted_status = 202;
+constexpr long batch_multi_status = 207;
+
+Ref batch_result(const Module& m, Borrowed status_code, Borrowed body, Borrowed accepted, Borrowed failed,
+                 Borrowed results, Borrowed error) {
+    const Names& n = m.n;
+    return call_global_kw(m, n.BatchSubmitResult, {},
+                          {{n.status_code, status_code},
+                           {n.body, body},
+                           {n.accepted, accepted},
+                           {n.failed, failed},
+                           {n.results, results},
+                           {n.error, error}});
+}
+
+// Each item of a list or tuple (or any iterable), one new reference at a time.
+template <class Visit>
+void for_each(Borrowed iterable, Visit&& visit) {
+    Ref iterator = Ref::checked(PyObject_GetIter(iterable.get()));
+    while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) visit(item);
+    if (PyErr_Occurred()) propagate();
+}
+
+// sum(1 for item in results if item.status_code == 202)
+long long accepted_count(const Module& m, Borrowed results) {
+    Ref accepted_status = integer(batch_accepted_status);
+    long long accepted = 0;
+    for_each(results, [&](Borrowed item) {
+        if (equals(getattr(item, m.n.status_code), accepted_status)) ++accepted;
+    });
+    return accepted;
+}
+
+// ---- mapping answers --------------------------------------------------------------------
+
+constexpr auto batch_item_result_from_body_signature = signature(
+    "SignalServiceClient._batch_item_result_from_body", Binding::static_method, nullptr, param("item"));
+
+Ref batch_item_result_from_body(const Module& m, Borrowed item) {
+    const Names& n = m.n;
+    Ref body = mapping_get(item, n.body);
+    if (!is_dict(body)) body = Ref(none());
+    Ref error = Ref(none());
+    if (!body.is_none()) {
+        error = mapping_get(body, n.reason);
+        if (!truthy(error)) error = mapping_get(body, n.error);
+    }
+    auto from_body = [&](PyObject* key) { return body.is_none() ? Ref(none()) : mapping_get(body, key); };
+    Ref index = mapping_get(item, n.index);
+    Ref status_code = mapping_get(item, n.status_code);
+    Ref submission_id = from_body(n.submission_id);
+    Ref signal_pool_name = from_body(n.signal_pool_name);
+    Ref strategy_pool_name = from_body(n.strategy_pool_name);
+    return call_global_kw(m, n.BatchSubmitItemResult, {},
+                          {{n.index, index},
+                           {n.status_code, status_code},
+                           {n.body, body},
+                           {n.submission_id, submission_id},
+                           {n.signal_pool_name, signal_pool_name},
+                           {n.strategy_pool_name, strategy_pool_name},
+                           {n.error, error}});
+}
+
+constexpr auto batch_result_from_body_signature =
+    signature("SignalServiceClient._batch_result_from_body", Binding::class_method, nullptr, param("cls"),
+              param("status_code"), param("body"), keyword_only("error", none_default));
+
+Ref batch_result_from_body(const Module& m, Borrowed cls, Borrowed status_code, Borrowed body, Borrowed error) {
+    const Names& n = m.n;
+    Ref raw_results = mapping_get(body, n.results);
+    Ref results = new_list();
+    if (is_list(raw_results)) {
+        for_each(raw_results, [&](Borrowed element) {
+            if (is_dict(element)) list_append(results, call_method(cls, n._batch_item_result_from_body, element));
+        });
+    }
+    Ref accepted = mapping_get(body, n.accepted);
+    Ref failed = mapping_get(body, n.failed);
+    if (!is_int(accepted)) accepted = integer(accepted_count(m, results));
+    if (!is_int(failed)) {
+        failed = Ref::checked(PyNumber_Subtract(integer(PyList_GET_SIZE(results.get())).get(), accepted.get()));
+    }
+    return batch_result(m, status_code, body, accepted, failed, results, error);
+}
+
+constexpr auto batch_body_item_from_result_signature = signature(
+    "SignalServiceClient._batch_body_item_from_result", Binding::static_method, nullptr, param("item"));
+
+Ref batch_body_item_from_result(const Module& m, Borrowed item) {
+    const Names& n = m.n;
+    Ref out = new_dict();
+    set_item(out, Borrowed(n.index), getattr(item, n.index));
+    set_item(out, Borrowed(n.status_code), getattr(item, n.status_code));
+    Ref body = getattr(item, n.body);
+    if (!body.is_none()) set_item(out, Borrowed(n.body), body);
+    return out;
+}
+
+constexpr auto batch_http_status_for_items_signature = signature(
+    "SignalServiceClient._batch_http_status_for_items", Binding::static_method, nullptr, param("results"));
+
+Ref batch_http_status_for_items(const Module& m, Borrowed results) {
+    long long accepted = accepted_count(m, results);
+    long long failed = static_cast<long long>(length(results)) - accepted;
+    if (failed == 0) return integer(batch_accepted_status);
+    Ref unique_statuses = Ref::checked(PySet_New(nullptr));
+    for_each(results, [&](Borrowed item) {
+        check_status(PySet_Add(unique_statuses.get(), getattr(item, m.n.status_code).get()));
+    });
+    if (accepted == 0 && PySet_GET_SIZE(unique_statuses.get()) == 1) {
+        Ref iterator = Ref::checked(PyObject_GetIter(unique_statuses.get()));
+        return Ref::checked(PyIter_Next(iterator.get()));
+    }
+    return integer(batch_multi_status);
+}
+
+// ---- merging chunks -----------------------------------------------------------------------
+
+Ref synthesised_results(const Module& m, Borrowed cls, Borrowed results) {
+    Ref items = new_list();
+    for_each(results, [&](Borrowed item) {
+        list_append(items, call_method(cls, m.n._batch_body_item_from_result, item));
+    });
+    return items;
+}
+
+constexpr auto combine_batch_chunk_results_signature = signature(
+    "SignalServiceClient._combine_batch_chunk_results", Binding::class_method, nullptr, param("cls"),
+    param("chunk_results"));
+
+Ref combine_batch_chunk_results(const Module& m, Borrowed cls, Borrowed chunk_results) {
+    const Names& n = m.n;
+    Ref results = new_list();
+    Ref accepted = integer(0), failed = integer(0);
+    Ref chunk_statuses = Ref::checked(PySet_New(nullptr));
+    for_each(chunk_results, [&](Borrowed chunk_result) {
+        accepted = Ref::checked(PyNumber_Add(accepted.get(), getattr(chunk_result, n.accepted).get()));
+        failed = Ref::checked(PyNumber_Add(failed.get(), getattr(chunk_result, n.failed).get()));
+        check_status(PySet_Add(chunk_statuses.get(), getattr(chunk_result, n.status_code).get()));
+        Ref extended = Ref::checked(PySequence_InPlaceConcat(results.get(), getattr(chunk_result, n.results).get()));
+    });
+
+    Ref zero = integer(0);
+    Ref status_code;
+    if (PyList_GET_SIZE(results.get()) > 0) {
+        status_code = call_method(cls, n._batch_http_status_for_items, results);
+    } else if (equals(failed, zero)) {
+        status_code = integer(batch_accepted_status);
+    } else if (equals(accepted, zero) && PySet_GET_SIZE(chunk_statuses.get()) == 1) {
+        Ref iterator = Ref::checked(PyObject_GetIter(chunk_statuses.get()));
+        status_code = Ref::checked(PyIter_Next(iterator.get()));
+    } else {
+        status_code = integer(batch_multi_status);
+    }
+
+    Ref body = new_dict();
+    set_item(body, Borrowed(n.accepted), accepted);
+    set_item(body, Borrowed(n.failed), failed);
+    set_item(body, Borrowed(n.results), synthesised_results(m, cls, results));
+    return batch_result(m, status_code, body, accepted, failed, results, none());
+}
+
+constexpr auto batch_result_with_partial_failure_signature =
+    signature("SignalServiceClient._batch_result_with_partial_failure", Binding::class_method, nullptr,
+              param("cls"), param("failure"), param("prior_results"), param("total_count"));
+
+Ref batch_result_with_partial_failure(const Module& m, Borrowed cls, Borrowed failure, Borrowed prior_results,
+                                      Borrowed total_count) {
+    const Names& n = m.n;
+    long long accepted = accepted_count(m, prior_results);
+    long long prior_count = static_cast<long long>(length(prior_results));
+    long long prior_failed = prior_count - accepted;
+    Ref unsent = Ref::checked(PyNumber_Subtract(total_count.get(), integer(prior_count).get()));
+    if (compare(unsent, integer(0), Py_LT)) unsent = integer(0);
+    Ref failed = Ref::checked(PyNumber_Add(integer(prior_failed).get(), unsent.get()));
+
+    Ref failure_error = getattr(failure, n.error);
+    Ref body = new_dict();
+    set_item(body, Borrowed(n.accepted), integer(accepted));
+    set_item(body, Borrowed(n.failed), failed);
+    set_item(body, Borrowed(n.results), synthesised_results(m, cls, prior_results));
+    set_item(body, Borrowed(n.error), failure_error);
+    Ref failure_body = getattr(failure, n.body);
+    if (is_dict(failure_body)) {
+        set_item(body, Borrowed(n.failure), failure_body);
+        if (mapping_get(body, n.error).is_none()) set_item(body, Borrowed(n.error), mapping_get(failure_body, n.error));
+    }
+    Ref error = mapping_get(body, n.error);
+    if (!truthy(error)) error = getattr(failure, n.error);
+    return batch_result(m, getattr(failure, n.status_code), body, integer(accepted), failed, prior_results, error);
+}
+
+constexpr auto rebase_batch_item_indices_signature =
+    signature("SignalServiceClient._rebase_batch_item_indices", Binding::static_method, nullptr, param("result"),
+              param("index_offset"));
+
+Ref rebase_batch_item_indices(const Module& m, Borrowed result, Borrowed index_offset) {
+    if (equals(index_offset, integer(0))) return Ref(none());
+    for_each(getattr(result, m.n.results), [&](Borrowed item) {
+        Ref index = getattr(item, m.n.index);
+        if (!is_exact_int(index)) return;
+        setattr(item, m.n.index, Ref::checked(PyNumber_Add(index.get(), index_offset.get())));
+    });
+    return Ref(none());
+}
+
+// ---- failures ------------------------------------------------------------------------------
+
+constexpr auto batch_result_from_response_error_signature =
+    signature("SignalServiceClient._batch_result_from_response_error", Binding::class_method, nullptr,
+              param("cls"), param("exc"));
+
+Ref batch_result_from_response_error(const Module& m, Borrowed cls, Borrowed exc) {
+    auto [error, body] = unpack_pair(call_method(cls, m.n._error_body_from_response_error, exc));
+    Ref zero = integer(0);
+    return batch_result(m, getattr(exc, m.n.status_code), body, zero, zero, new_list(), error);
+}
+
+constexpr auto batch_result_from_transport_error_signature = signature(
+    "SignalServiceClient._batch_result_from_transport_error", Binding::static_method, nullptr, param("exc"));
+
+Ref batch_result_from_transport_error(const Module& m, Borrowed exc) {
+    Ref zero = integer(0);
+    return batch_result(m, zero, none(), zero, zero, new_list(), transport_error_text(m, exc));
+}
+
+// ---- submit_signals_batch ------------------------------------------------------------------
+
+constexpr const char caller_thresholds_message[] =
+    "caller-supplied thresholds are not accepted; submit thresholds must come from era thresholds";
+
+constexpr auto submit_signals_batch_signature = signature(
+    "SignalServiceClient.submit_signals_batch", Binding::instance_method,
+    "Validate every submission, then send them to signals/batch (in chunks of\n"
+    "_SIGNALS_BATCH_CLIENT_CHUNK_SIZE) and return one BatchSubmitResult.\n\n"
+    "Any invalid item raises ValueError before anything is sent. Transport\n"
+    "failures, rejections and malformed 4xx answers become results that account\n"
+    "for every item; chunks accepted before a failure keep their results.",
+    param("submissions"));
+
+// The body of one item after the first pass: a copy of the caller's dict with
+// its universe validated and its pool checked.
+Ref validated_body(const Module& m, Borrowed item) {
+    const Names& n = m.n;
+    Ref body = call(Borrowed(reinterpret_cast<PyObject*>(&PyDict_Type)), item);
+    call_global(m, n._reject_retired_universe_aliases, body);
+    if (contains(body, Borrowed(n.threshold_checks)) || contains(body, Borrowed(n.thresholds))) {
+        raise_value_error(caller_thresholds_message);
+    }
+    Ref named_universe = call_global(m, n._validate_named_universe, mapping_get(body, n.named_universe));
+    set_item(body, Borrowed(n.named_universe), named_universe);
+    call_global(m, n._validate_selected_pool_name, mapping_get(body, n.signal_pool_name),
+                Borrowed(n.signal_pool_name));
+    return body;
+}
+
+// The second pass over one body: era, thresholds, contract, gates, key.
+void prepare_body(const Module& m, Borrowed self, Borrowed body) {
+    const Names& n = m.n;
+    Ref named_universe = get_item(body, Borrowed(n.named_universe));
+    Ref signal_pool_name = mapping_get(body, n.signal_pool_name);
+    Ref thresholds = call_method_kw(self, n._resolve_submit_thresholds, {named_universe, signal_pool_name},
+                                    {{n.market_id, mapping_get(body, n.market_id)},
+                                     {n.era_number, mapping_get(body, n.era_number)}});
+    Ref catalog = call_method(self, n._fetch_era_catalog);
+    Ref submit_era = call_global_kw(m, n._required_active_submit_era, {catalog},
+                                    {{n.market_id, mapping_get(body, n.market_id)},
+                                     {n.era_number, mapping_get(body, n.era_number)}});
+    set_item(body, Borrowed(n.market_id), call_global(m, n._required_positive_era_int, submit_era, Borrowed(n.market_id)));
+    set_item(body, Borrowed(n.era_number),
+             call_global(m, n._required_positive_era_int, submit_era, Borrowed(n.era_number)));
+    if (mapping_get(body, n.client_manifest_market_id).is_none()) {
+        set_item(body, Borrowed(n.client_manifest_market_id), get_item(body, Borrowed(n.market_id)));
+    }
+    if (mapping_get(body, n.client_manifest_era_number).is_none()) {
+        set_item(body, Borrowed(n.client_manifest_era_number), get_item(body, Borrowed(n.era_number)));
+    }
+    call_method_kw(self, n._validate_submission_contract,
+                   {mapping_get(body, n.signal_pool_name), mapping_get(body, n.is_stats), mapping_get(body, n.is_pnl_mi),
+                    mapping_get(body, n.expression_elapsed_seconds)},
+                   {{n.thresholds, thresholds},
+                    {n.client_manifest_version, mapping_get(body, n.client_manifest_version)},
+                    {n.client_manifest_market_id, mapping_get(body, n.client_manifest_market_id)},
+                    {n.client_manifest_era_number, mapping_get(body, n.client_manifest_era_number)}});
+    Ref complexity = call_global(m, n._enforce_graph_complexity_for_submit, mapping_get(body, n.graph), submit_era);
+    call_global(m, n._enforce_recorded_backtest_timing_for_submit, mapping_get(body, n.graph), submit_era);
+    set_item(body, Borrowed(n.graph_depth), getattr(complexity, n.depth));
+    set_item(body, Borrowed(n.graph_node_count), getattr(complexity, n.node_count));
+    set_item(body, Borrowed(n.is_stats),
+             call_global(m, n._submission_is_stats_payload, get_item(body, Borrowed(n.is_stats))));
+    if (!contains(body, Borrowed(n.idempotency_key))) {
+        set_item(body, Borrowed(n.idempotency_key), call_method(self, n._idempotency_key_for_body, body));
+    }
+}
+
+Ref signals_document(const Module& m, Borrowed bodies) {
+    Ref document = new_dict();
+    set_item(document, Borrowed(m.n.signals), bodies);
+    return document;
+}
+
+Ref submit_signals_batch(const Module& m, Borrowed self, Borrowed submissions) {
+    const Names& n = m.n;
+    // Shape first: nothing else happens until every item is a dict.
+    if (!PyList_Check(submissions.get()) && !PyTuple_Check(submissions.get())) {
+        raise_value_error("submissions must be a list or tuple of dicts");
+    }
+    for_each(submissions, [&](Borrowed item) {
+        if (!is_dict(item)) raise_value_error("each batch submission must be a dict");
+    });
+
+    Ref graphs = new_list(), validated_bodies = new_list();
+    for_each(submissions, [&](Borrowed item) {
+        Ref body = validated_body(m, item);
+        list_append(graphs, mapping_get(body, n.graph));
+        list_append(validated_bodies, body);
+    });
+    call_method(m.global(n._backtest_timing), n.require_recorded_backtest_timings, graphs);
+
+    Ref prepared = new_list();
+    for_each(validated_bodies, [&](Borrowed body) {
+        prepare_body(m, self, body);
+        list_append(prepared, body);
+    });
+
+    Ref chunk_size = m.global(n._SIGNALS_BATCH_CLIENT_CHUNK_SIZE);
+    Ref total = integer(PyList_GET_SIZE(prepared.get()));
+
+    // One request, or one chunk of them; `on_failure` maps what the handlers take.
+    auto send = [&](Borrowed bodies, Ref& status_code, Ref& resp_body, auto&& on_failure) {
+        return request_or_mapped_failure(m, self, {Borrowed(n.POST), Borrowed(n.signals_batch), signals_document(m, bodies)},
+                                         status_code, resp_body, on_failure);
+    };
+    // The failure result of a chunk or of the only request, or a re-raise.
+    auto failure_of = [&](const Caught& caught) -> Ref {
+        Borrowed exc = caught.exception();
+        switch (classify_request_failure(m, caught)) {
+            case RequestFailure::transport:
+                return call_method(self, n._batch_result_from_transport_error, exc);
+            case RequestFailure::rejected: {
+                Ref body = getattr(exc, n.body);
+                if (!truthy(body)) body = new_dict();
+                return call_method_kw(self, n._batch_result_from_body, {getattr(exc, n.status_code), body},
+                                      {{n.error, getattr(exc, n.reason)}});
+            }
+            case RequestFailure::unusable_response:
+                if (!is_client_error_status(m, exc)) caught.reraise();
+                return call_method(self, n._batch_result_from_response_error, exc);
+        }
+        caught.reraise();
+    };
+
+    if (compare(total, chunk_size, Py_LE)) {
+        Ref status_code, resp_body;
+        Ref failure = send(prepared, status_code, resp_body, failure_of);
+        if (failure) return failure;
+        return call_method(self, n._batch_result_from_body, status_code, resp_body);
+    }
+
+    Ref chunk_results = new_list(), prior_results = new_list();
+    Ref starts = call(Borrowed(reinterpret_cast<PyObject*>(&PyRange_Type)), integer(0), total, chunk_size);
+    Ref partial_failure;
+    for_each(starts, [&](Borrowed start) {
+        if (partial_failure) return;
+        Ref stop = Ref::checked(PyNumber_Add(start.get(), chunk_size.get()));
+        Ref bounds = Ref::checked(PySlice_New(start.get(), stop.get(), nullptr));
+        Ref chunk = get_item(prepared, bounds);
+        Ref status_code, resp_body;
+        Ref failure = send(chunk, status_code, resp_body, failure_of);
+        if (failure) {
+            partial_failure = call_method(self, n._batch_result_with_partial_failure, failure, prior_results, total);
+            return;
+        }
+        Ref chunk_result = call_method(self, n._batch_result_from_body, status_code, resp_body);
+        call_method(self, n._rebase_batch_item_indices, chunk_result, start);
+        list_append(chunk_results, chunk_result);
+        Ref extended =
+            Ref::checked(PySequence_InPlaceConcat(prior_results.get(), getattr(chunk_result, n.results).get()));
+    });
+    if (partial_failure) return partial_failure;
+    return call_method(self, n._combine_batch_chunk_results, chunk_results);
+}
+
+}  // namespace
+
+namespace members::client {
+const Member batch_item_result_from_body =
+    member<batch_item_result_from_body_signature, tallowmere::batch_item_result_from_body>();
+const Member batch_result_from_body = member<batch_result_from_body_signature, tallowmere::batch_result_from_body>();
+const Member batch_body_item_from_result =
+    member<batch_body_item_from_result_signature, tallowmere::batch_body_item_from_result>();
+const Member batch_http_status_for_items =
+    member<batch_http_status_for_items_signature, tallowmere::batch_http_status_for_items>();
+const Member combine_batch_chunk_results =
+    member<combine_batch_chunk_results_signature, tallowmere::combine_batch_chunk_results>();
+const Member batch_result_with_partial_failure =
+    member<batch_result_with_partial_failure_signature, tallowmere::batch_result_with_partial_failure>();
+const Member rebase_batch_item_indices =
+    member<rebase_batch_item_indices_signature, tallowmere::rebase_batch_item_indices>();
+const Member batch_result_from_response_error =
+    member<batch_result_from_response_error_signature, tallowmere::batch_result_from_response_error>();
+const Member batch_result_from_transport_error =
+    member<batch_result_from_transport_error_signature, tallowmere::batch_result_from_transport_error>();
+const Member submit_signals_batch = member<submit_signals_batch_signature, tallowmere::submit_signals_batch>();
+}  // namespace members::client
+
+}  // namespace tallowmere

@@ -1,0 +1,126 @@
+// SignalServiceClient's core: construction, closing, and the one request path
+// (_canonical_request) that every public method takes, over either its own
+// httpx.Client or the transport object a caller supplies.
+#include "core/function.hpp"
+#include "core/python.hpp"
+#include "members.hpp"
+
+namespace tallowmere {
+
+namespace {
+
+constexpr auto init_signature = signature(
+    "SignalServiceClient.__init__", Binding::instance_method, nullptr, param("base_url"), param("jwt_token"),
+    keyword_only("timeout", constant_default(&ModuleState::default_timeout, "30.0")),
+    keyword_only("transport", none_default), keyword_only("transmission_observer", none_default));
+
+Ref init(const Module& m, Borrowed self, Borrowed base_url, Borrowed jwt_token, Borrowed timeout,
+         Borrowed transport, Borrowed transmission_observer) {
+    const Names& n = m.n;
+    call_global(m, n.validate_bearer_transport_url, base_url);
+    setattr(self, n._base_url, base_url);
+    setattr(self, n._jwt_token, jwt_token);
+    setattr(self, n._timeout, timeout);
+    setattr(self, n._transmission_observer, transmission_observer);
+    if (transport.is_none()) {
+        Ref lowered = call_method(base_url, n.lower);
+        bool plain_http = truthy(call_method(lowered, n.startswith, text("http://")));
+        Ref httpx = m.global(n.httpx);
+        Ref client = plain_http ? call_method_kw(httpx, n.Client, {},
+                                                 {{n.base_url, base_url}, {n.timeout, timeout}, {n.verify, boolean(false)}})
+                                : call_method_kw(httpx, n.Client, {}, {{n.base_url, base_url}, {n.timeout, timeout}});
+        setattr(self, n._client, client);
+    } else {
+        setattr(self, n._client, transport);
+    }
+    setattr(self, n._era_catalog_cache, none());
+    return Ref(none());
+}
+
+constexpr auto close_signature = signature("SignalServiceClient.close", Binding::instance_method,
+                                           "Close the HTTP client (a caller's transport only if it has close()).");
+
+Ref close(const Module& m, Borrowed self) {
+    Ref client = getattr(self, m.n._client);
+    Ref close_method = getattr_or(client, m.n.close, none());
+    if (PyCallable_Check(close_method.get())) call(close_method);
+    return Ref(none());
+}
+
+constexpr auto response_content_signature =
+    signature("SignalServiceClient._response_content", Binding::instance_method, nullptr, param("response"));
+
+Ref response_content(const Module& m, Borrowed, Borrowed response) {
+    const Names& n = m.n;
+    Ref content = getattr_or(response, n.content, none());
+    if (is_bytes(content)) return content;
+    if (is_str(content)) return call_method(content, n.encode, Borrowed(n.utf_8));
+    Ref body_text = getattr_or(response, n.text, none());
+    if (is_str(body_text)) return call_method(body_text, n.encode, Borrowed(n.utf_8));
+    if (!hasattr(response, n.json)) return Ref::checked(PyBytes_FromStringAndSize("", 0));
+    Ref decoded = call_method(response, n.json);
+    Ref serialised = call_method(m.global(n.json), n.dumps, decoded);
+    return call_method(serialised, n.encode, Borrowed(n.utf_8));
+}
+
+constexpr auto transport_request_signature =
+    signature("SignalServiceClient._transport_request", Binding::instance_method, nullptr, param("method"),
+              param("url"), param("headers"), param("body_content"));
+
+Ref transport_request(const Module& m, Borrowed self, Borrowed method, Borrowed url, Borrowed headers,
+                      Borrowed body_content) {
+    const Names& n = m.n;
+    Ref parsed = call_method(m.global(n.httpx), n.URL, url);
+    Ref raw = getattr(parsed, n.raw_path);
+    if (is_bytes(raw)) raw = call_method(raw, n.decode, Borrowed(n.ascii));
+    Ref path = truthy(raw) ? raw : Ref(Borrowed(n.slash));
+
+    Ref client = getattr(self, n._client);
+    Ref response;
+    if (equals(method, Borrowed(n.POST))) {
+        response = call_method_kw(client, n.post, {path}, {{n.content, body_content}, {n.headers, headers}});
+    } else if (equals(method, Borrowed(n.GET))) {
+        response = call_method_kw(client, n.get, {path}, {{n.headers, headers}});
+    } else if (hasattr(client, n.request)) {
+        response =
+            call_method_kw(client, n.request, {method, path}, {{n.content, body_content}, {n.headers, headers}});
+    } else {
+        raise_value_error(concat({text("Unsupported HTTP method: "), format(method)}));
+    }
+    Ref status_code = getattr(response, n.status_code);
+    Ref content = call_method(self, n._response_content, response);
+    return new_tuple({status_code, content});
+}
+
+// The `get_token` callable _canonical_request hands to _request_json: reads
+// the client's _jwt_token when it is called, so a replaced token is used by
+// the next request.
+PyObject* read_token(PyObject* client, PyObject*) noexcept {
+    return PyObject_GetAttrString(client, "_jwt_token");
+}
+
+PyMethodDef read_token_def = {"get_token", read_token, METH_NOARGS, nullptr};
+
+constexpr auto canonical_request_signature =
+    signature("SignalServiceClient._canonical_request", Binding::instance_method, nullptr, param("method"),
+              param("endpoint"), param("body", none_default));
+
+Ref canonical_request(const Module& m, Borrowed self, Borrowed method, Borrowed endpoint, Borrowed body) {
+    const Names& n = m.n;
+    Ref get_token = Ref::checked(PyCFunction_New(&read_token_def, self.get()));
+    return call_global_kw(m, n._request_json, {method, endpoint, get_token, getattr(self, n._base_url), body},
+                          {{n.request_func, getattr(self, n._transport_request)},
+                           {n.transmission_observer, getattr(self, n._transmission_observer)}});
+}
+
+}  // namespace
+
+namespace members::client {
+const Member init = member<init_signature, tallowmere::init>();
+const Member close = member<close_signature, tallowmere::close>();
+const Member response_content = member<response_content_signature, tallowmere::response_content>();
+const Member transport_request = member<transport_request_signature, tallowmere::transport_request>();
+const Member canonical_request = member<canonical_request_signature, tallowmere::canonical_request>();
+}  // namespace members::client
+
+}  // namespace tallowmere

@@ -1,0 +1,272 @@
+// The submission contract, checked on the caller's side before anything is
+// sent: pool and universe names, statistics, the mutual-information figure,
+// the era's threshold gates, the expression timing and the manifest integers.
+// Every refusal is a ValueError with a fixed text. Also the idempotency key a
+// body gets when its caller supplies none.
+#include "core/function.hpp"
+#include "core/python.hpp"
+#include "members.hpp"
+
+namespace tallowmere {
+
+namespace {
+
+constexpr const char mi_contract_message[] = "is_pnl_mi must be a scalar number or Infinity";
+constexpr const char caller_thresholds_message[] =
+    "caller-supplied thresholds are not accepted; submit thresholds must come from era thresholds";
+
+// ---- values of the contract ---------------------------------------------------------
+
+constexpr auto mi_contract_json_value_signature =
+    signature("_mi_contract_json_value", Binding::module_function, nullptr, param("value"));
+
+Ref mi_contract_json_value(const Module& m, Borrowed value) {
+    const Names& n = m.n;
+    Ref v = call_global(m, n._coerce_mi_contract_value, value);
+    Ref math = m.global(n.math);
+    if (truthy(call_method(math, n.isinf, v))) {
+        Ref zero = integer(0);
+        if (compare(v, zero, Py_LT)) raise_value_error(mi_contract_message);
+        return Ref(Borrowed(compare(v, zero, Py_GT) ? n.Infinity : n.minus_Infinity));
+    }
+    if (is_exact_float(v)) return v;
+    return Ref::checked(PyNumber_Float(v.get()));
+}
+
+constexpr auto stat_metric_signature =
+    signature("_stat_metric", Binding::module_function, nullptr, param("is_stats"), param("keys"));
+
+Ref stat_metric(const Module& m, Borrowed is_stats, Borrowed keys) {
+    Ref iterator = Ref::checked(PyObject_GetIter(keys.get()));
+    while (Ref key = Ref::steal(PyIter_Next(iterator.get()))) {
+        Ref value = mapping_get(is_stats, key, none());
+        if (truthy(call_global(m, m.n._is_finite_number, value))) {
+            return is_exact_float(value) ? value : Ref::checked(PyNumber_Float(value.get()));
+        }
+    }
+    if (PyErr_Occurred()) propagate();
+    return Ref(none());
+}
+
+constexpr auto reject_caller_threshold_authority_signature =
+    signature("_reject_caller_threshold_authority", Binding::module_function, nullptr,
+              param("threshold_checks", none_default), param("thresholds", none_default));
+
+Ref reject_caller_threshold_authority(const Module&, Borrowed threshold_checks, Borrowed thresholds) {
+    if (threshold_checks.is_none() && thresholds.is_none()) return Ref(none());
+    raise_value_error(caller_thresholds_message);
+}
+
+constexpr auto validate_submission_thresholds_signature =
+    signature("_validate_submission_thresholds", Binding::module_function, nullptr, param("is_stats"),
+              param("is_pnl_mi"), param("thresholds", none_default));
+
+Ref validate_submission_thresholds(const Module& m, Borrowed is_stats, Borrowed is_pnl_mi, Borrowed thresholds) {
+    const Names& n = m.n;
+    if (thresholds.is_none()) return Ref(none());
+    if (!is_dict(thresholds)) raise_value_error("thresholds must be a dict");
+
+    struct MetricKeys {
+        PyObject* metric;
+        std::initializer_list<PyObject*> keys;
+    };
+    const MetricKeys statistics[] = {
+        {n.sharpe, {n.sharpe, n.is_sharpe, n.gross_returns_sharpe}},
+        {n.turnover, {n.turnover, n.avg_turnover, n.is_turnover_pct}},
+        {n.delta_exposure, {n.delta_exposure}},
+        {n.max_weight, {n.max_weight}},
+        {n.abs_weight_sum_mean, {n.abs_weight_sum_mean}},
+        {n.is_correlation, {n.correlation, n.is_correlation}},
+    };
+    Ref metrics = new_dict();
+    for (const MetricKeys& statistic : statistics) {
+        Ref keys = Ref::checked(PyTuple_New(static_cast<Py_ssize_t>(statistic.keys.size())));
+        Py_ssize_t i = 0;
+        for (PyObject* key : statistic.keys) PyTuple_SET_ITEM(keys.get(), i++, Py_NewRef(key));
+        set_item(metrics, Borrowed(statistic.metric), call_global(m, n._stat_metric, is_stats, keys));
+    }
+    set_item(metrics, Borrowed(n.is_pnl_mi), call_global(m, n._coerce_mi_contract_value, is_pnl_mi));
+
+    Ref result = call_global_kw(m, n.evaluate_threshold_gates, {},
+                                {{n.metrics, metrics}, {n.threshold_set, thresholds}, {n.pool_thresholds, thresholds}});
+    if (truthy(getattr(result, n.passed))) return Ref(none());
+    Ref failure = get_item(getattr(result, n.failures), integer(0));
+    raise_value_error(concat({format(getattr(failure, n.gate)), text(" failed: "), format(getattr(failure, n.actual)),
+                              text(" "), format(getattr(failure, n.operator_)), text(" "),
+                              format(getattr(failure, n.threshold))}));
+}
+
+constexpr auto validate_optional_manifest_int_signature = signature(
+    "_validate_optional_manifest_int", Binding::module_function, nullptr, param("value"), param("field_name"));
+
+Ref validate_optional_manifest_int(const Module&, Borrowed value, Borrowed field_name) {
+    if (value.is_none()) return Ref(none());
+    if (is_bool(value) || !is_exact_int(value) || compare(value, integer(0), Py_LE)) {
+        raise_value_error(concat({format(field_name), text(" must be a positive integer")}));
+    }
+    return Ref(value);
+}
+
+constexpr auto submission_is_stats_payload_signature =
+    signature("_submission_is_stats_payload", Binding::module_function, nullptr, param("is_stats"));
+
+Ref submission_is_stats_payload(const Module& m, Borrowed is_stats) {
+    Ref payload = call(Borrowed(reinterpret_cast<PyObject*>(&PyDict_Type)), is_stats);
+    call_method(payload, m.n.pop, Borrowed(m.n._threshold_checks), none());
+    return payload;
+}
+
+// ---- names of the submission ------------------------------------------------------------
+
+constexpr auto validate_selected_pool_name_signature =
+    signature("_validate_selected_pool_name", Binding::module_function, nullptr, param("value"),
+              param("field_name", constant_default(&ModuleState::default_pool_field_name, "'signal_pool_name'")));
+
+Ref validate_selected_pool_name(const Module&, Borrowed value, Borrowed field_name) {
+    if (!is_str(value) || PyUnicode_GET_LENGTH(value.get()) == 0) {
+        raise_value_error(concat({format(field_name), text(" must be a non-empty string")}));
+    }
+    return Ref(none());
+}
+
+constexpr auto validate_named_universe_signature =
+    signature("_validate_named_universe", Binding::module_function, nullptr, param("value"));
+
+// The configured default universe of the local agent; "" when there is none or
+// it cannot be read.
+Ref configured_named_universe(const Module& m) {
+    const Names& n = m.n;
+    return try_except(
+        [&] {
+            Ref package = text("tallowmere.agent_onboarding");
+            Ref fromlist = new_tuple({Borrowed(n._config)});
+            Ref onboarding = Ref::checked(
+                PyImport_ImportModuleLevelObject(package.get(), nullptr, nullptr, fromlist.get(), 0));
+            Ref config = getattr(onboarding, n._config);
+            Ref configured = call_method(config, n.get, Borrowed(n.named_universe));
+            if (!truthy(configured)) configured = Ref(Borrowed(m.state().empty_text));
+            return call_method(str(configured), n.strip);
+        },
+        [&](const Caught& caught) -> Ref {
+            if (!caught.matches(Borrowed(PyExc_Exception))) caught.reraise();
+            return Ref(Borrowed(m.state().empty_text));
+        });
+}
+
+Ref validate_named_universe(const Module& m, Borrowed value) {
+    const Names& n = m.n;
+    Ref named_universe = call_global(m, n._normalize_named_universe, value);
+    if (!truthy(named_universe)) named_universe = configured_named_universe(m);
+    if (!truthy(named_universe)) raise_value_error("named_universe is required");
+    if (truthy(call_global(m, n._is_unsafe_named_universe, named_universe))) {
+        raise_value_error(concat({text("named_universe must be a single safe path segment, got "), repr(value)}));
+    }
+    return named_universe;
+}
+
+constexpr auto reject_retired_universe_aliases_signature =
+    signature("_reject_retired_universe_aliases", Binding::module_function, nullptr, param("body"));
+
+Ref reject_retired_universe_aliases(const Module& m, Borrowed body) {
+    if (!is_dict(body)) return Ref(none());
+    Ref aliases = m.global(m.n._RETIRED_UNIVERSE_ALIAS_KEYS);
+    Ref iterator = Ref::checked(PyObject_GetIter(aliases.get()));
+    while (Ref key = Ref::steal(PyIter_Next(iterator.get()))) {
+        if (contains(body, key)) raise_value_error(concat({format(key), text(" is retired; submit named_universe")}));
+    }
+    if (PyErr_Occurred()) propagate();
+    return Ref(none());
+}
+
+// ---- SignalServiceClient._validate_submission_contract --------------------------------------
+
+constexpr auto validate_submission_contract_signature = signature(
+    "SignalServiceClient._validate_submission_contract", Binding::static_method, nullptr, param("signal_pool_name"),
+    param("is_stats"), param("is_pnl_mi"), param("expression_elapsed_seconds"), param("thresholds", none_default),
+    param("client_manifest_version", none_default), param("client_manifest_market_id", none_default),
+    param("client_manifest_era_number", none_default));
+
+Ref validate_submission_contract(const Module& m, Borrowed signal_pool_name, Borrowed is_stats, Borrowed is_pnl_mi,
+                                 Borrowed expression_elapsed_seconds, Borrowed thresholds,
+                                 Borrowed client_manifest_version, Borrowed client_manifest_market_id,
+                                 Borrowed client_manifest_era_number) {
+    const Names& n = m.n;
+    call_global(m, n._validate_selected_pool_name, signal_pool_name, Borrowed(n.signal_pool_name));
+    if (!is_dict(is_stats)) raise_value_error("is_stats must be a dict");
+    if (truthy(call_global(m, n._has_disallowed_mi_contract_field, is_stats))) {
+        raise_value_error("is_stats must not contain MI contract fields");
+    }
+    if (truthy(call_global(m, n._has_non_finite_number, is_stats))) {
+        raise_value_error("is_stats values must be finite numbers");
+    }
+    call_global(m, n._coerce_mi_contract_value, is_pnl_mi);
+    call_global_kw(m, n._validate_submission_thresholds, {is_stats, is_pnl_mi}, {{n.thresholds, thresholds}});
+
+    bool positive_finite_float = false;
+    if (is_exact_float(expression_elapsed_seconds)) {
+        Ref math = m.global(n.math);
+        positive_finite_float = truthy(call_method(math, n.isfinite, expression_elapsed_seconds)) &&
+                                PyFloat_AS_DOUBLE(expression_elapsed_seconds.get()) > 0.0;
+    }
+    if (!positive_finite_float) raise_value_error("expression_elapsed_seconds must be a positive float");
+
+    call_global(m, n._validate_optional_manifest_int, client_manifest_version, Borrowed(n.client_manifest_version));
+    call_global(m, n._validate_optional_manifest_int, client_manifest_market_id,
+                Borrowed(n.client_manifest_market_id));
+    call_global(m, n._validate_optional_manifest_int, client_manifest_era_number,
+                Borrowed(n.client_manifest_era_number));
+    return Ref(none());
+}
+
+// ---- SignalServiceClient._idempotency_key_for_body ------------------------------------------
+
+constexpr auto idempotency_key_for_body_signature = signature(
+    "SignalServiceClient._idempotency_key_for_body", Binding::static_method, nullptr, param("body"));
+
+Ref idempotency_key_for_body(const Module& m, Borrowed body) {
+    const Names& n = m.n;
+    Ref payload = new_dict();
+    Ref items = call_method(body, n.items);
+    Ref iterator = Ref::checked(PyObject_GetIter(items.get()));
+    while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
+        Ref key = get_item(item, integer(0));
+        if (compare(key, Borrowed(n.idempotency_key), Py_NE)) set_item(payload, key, get_item(item, integer(1)));
+    }
+    if (PyErr_Occurred()) propagate();
+
+    Ref canonical = call_method_kw(m.global(n.json), n.dumps, {payload},
+                                   {{n.sort_keys, boolean(true)},
+                                    {n.separators, Borrowed(m.state().canonical_separators)},
+                                    {n.allow_nan, boolean(false)}});
+    Ref encoded = call_method(canonical, n.encode, Borrowed(n.utf_8));
+    Ref digest = call_method(call_method(m.global(n.hashlib), n.sha256, encoded), n.hexdigest);
+    return concat({Borrowed(n.sigsubmit_prefix), digest});
+}
+
+}  // namespace
+
+namespace members {
+const Member mi_contract_json_value = member<mi_contract_json_value_signature, tallowmere::mi_contract_json_value>();
+const Member stat_metric = member<stat_metric_signature, tallowmere::stat_metric>();
+const Member reject_caller_threshold_authority =
+    member<reject_caller_threshold_authority_signature, tallowmere::reject_caller_threshold_authority>();
+const Member validate_submission_thresholds =
+    member<validate_submission_thresholds_signature, tallowmere::validate_submission_thresholds>();
+const Member validate_optional_manifest_int =
+    member<validate_optional_manifest_int_signature, tallowmere::validate_optional_manifest_int>();
+const Member submission_is_stats_payload =
+    member<submission_is_stats_payload_signature, tallowmere::submission_is_stats_payload>();
+const Member validate_selected_pool_name =
+    member<validate_selected_pool_name_signature, tallowmere::validate_selected_pool_name>();
+const Member validate_named_universe = member<validate_named_universe_signature, tallowmere::validate_named_universe>();
+const Member reject_retired_universe_aliases =
+    member<reject_retired_universe_aliases_signature, tallowmere::reject_retired_universe_aliases>();
+namespace client {
+const Member validate_submission_contract =
+    member<validate_submission_contract_signature, tallowmere::validate_submission_contract>();
+const Member idempotency_key_for_body =
+    member<idempotency_key_for_body_signature, tallowmere::idempotency_key_for_body>();
+}  // namespace client
+}  // namespace members
+
+}  // namespace tallowmere

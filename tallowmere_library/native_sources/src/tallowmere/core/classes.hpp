@@ -1,0 +1,27 @@
+// Classes and module-level functions as the module defines them.
+//
+// Classes are heap types bound to the module (so their methods find the module
+// state through their defining class), mutable like any Python class, with an
+// instance __dict__, weak references and a real base: `object` or
+// `Exception`. Members are added one by one in definition order, as
+// method descriptors, or as genuine staticmethod, classmethod and property
+// objects.
+#pragma once
+
+#include "core/function.hpp"
+#include "core/ref.hpp"
+
+namespace tallowmere {
+
+// class <name>: (base `object`); `qualified_name` is "tallowmere.submit.<name>".
+Ref make_class(PyObject* module, const char* qualified_name, const char* doc);
+// class <name>(<base>) for an exception base such as Exception.
+Ref make_exception_class(PyObject* module, const char* qualified_name, const char* doc, PyObject* base);
+
+// Binds `member` as an attribute of `cls` (or of the module), under its own name.
+void add_member(PyObject* module, Borrowed cls, const Member& member);
+void add_function(PyObject* module, const Member& member);
+// module.<name> = value
+void add_object(PyObject* module, PyObject* name, Borrowed value);
+
+}  // namespace tallowmere

@@ -1,0 +1,164 @@
+#include "core/function.hpp"
+
+#include "core/python.hpp"
+
+#include <vector>
+
+namespace tallowmere {
+
+namespace {
+
+bool is_instance_method(const SignatureView& signature) { return signature.binding == Binding::instance_method; }
+
+// Positional parameters the interpreter counts in its messages: a method's
+// `self` is one of them.
+Py_ssize_t counted_self(const SignatureView& signature) { return is_instance_method(signature) ? 1 : 0; }
+
+bool name_matches(PyObject* keyword, const Param& p) {
+    if (!PyUnicode_Check(keyword) || !PyUnicode_IS_COMPACT_ASCII(keyword)) return false;
+    return static_cast<size_t>(PyUnicode_GET_LENGTH(keyword)) == p.name_length &&
+           std::memcmp(PyUnicode_DATA(keyword), p.name, p.name_length) == 0;
+}
+
+Ref display_name(const SignatureView& signature) { return text(signature.qualname); }
+
+// 'a' / 'a' and 'b' / 'a', 'b', and 'c'
+Ref quoted_list(const std::vector<const Param*>& names) {
+    std::string joined;
+    for (size_t i = 0; i < names.size(); ++i) {
+        if (i > 0) joined += names.size() == 2 ? " and " : (i + 1 == names.size() ? ", and " : ", ");
+        joined += "'";
+        joined += names[i]->name;
+        joined += "'";
+    }
+    return text(joined.c_str());
+}
+
+[[noreturn]] void raise_missing(const SignatureView& signature, const std::vector<const Param*>& missing,
+                                const char* kind) {
+    Ref names = quoted_list(missing);
+    Ref qualname = display_name(signature);
+    PyErr_Format(PyExc_TypeError, "%U() missing %zd required %s argument%s: %U", qualname.get(),
+                 static_cast<Py_ssize_t>(missing.size()), kind, missing.size() == 1 ? "" : "s", names.get());
+    propagate();
+}
+
+[[noreturn]] void raise_too_many_positional(const SignatureView& signature, Py_ssize_t given,
+                                            Py_ssize_t keyword_only_given) {
+    Py_ssize_t self = counted_self(signature);
+    Py_ssize_t maximum = self, minimum = self;
+    for (size_t i = 0; i < signature.count; ++i) {
+        const Param& p = signature.params[i];
+        if (p.kind != ParamKind::positional_or_keyword) continue;
+        ++maximum;
+        if (p.default_value.type == DefaultValue::Type::required) ++minimum;
+    }
+    given += self;
+    Ref accepted = minimum == maximum ? format_text("%zd positional argument%s", maximum, maximum == 1 ? "" : "s")
+                                      : format_text("from %zd to %zd positional arguments", minimum, maximum);
+    Ref keyword_note = keyword_only_given == 0
+                           ? text("")
+                           : format_text(" positional argument%s (and %zd keyword-only argument%s)",
+                                         given == 1 ? "" : "s", keyword_only_given,
+                                         keyword_only_given == 1 ? "" : "s");
+    Ref qualname = display_name(signature);
+    PyErr_Format(PyExc_TypeError, "%U() takes %U but %zd%U %s given", qualname.get(), accepted.get(), given,
+                 keyword_note.get(), (given == 1 && keyword_only_given == 0) ? "was" : "were");
+    propagate();
+}
+
+}  // namespace
+
+void parse_arguments(const Module& m, const SignatureView& signature, PyObject* const* args, Py_ssize_t nargs,
+                     PyObject* kwnames, PyObject** out) {
+    Py_ssize_t positional_params = 0;
+    for (size_t i = 0; i < signature.count; ++i) {
+        if (signature.params[i].kind == ParamKind::positional_or_keyword) ++positional_params;
+    }
+    Py_ssize_t taken = nargs < positional_params ? nargs : positional_params;
+    for (Py_ssize_t i = 0; i < taken; ++i) out[i] = args[i];
+
+    Py_ssize_t keyword_count = kwnames ? PyTuple_GET_SIZE(kwnames) : 0;
+    Py_ssize_t keyword_only_given = 0;
+    for (Py_ssize_t k = 0; k < keyword_count; ++k) {
+        PyObject* keyword = PyTuple_GET_ITEM(kwnames, k);
+        size_t index = signature.count;
+        for (size_t i = 0; i < signature.count; ++i) {
+            if (name_matches(keyword, signature.params[i])) {
+                index = i;
+                break;
+            }
+        }
+        if (index == signature.count) {
+            // Slow path: a keyword that is not compact ASCII text can still equal a name.
+            for (size_t i = 0; i < signature.count && PyUnicode_Check(keyword); ++i) {
+                if (PyUnicode_CompareWithASCIIString(keyword, signature.params[i].name) == 0) {
+                    index = i;
+                    break;
+                }
+            }
+        }
+        if (index == signature.count) {
+            Ref qualname = display_name(signature);
+            PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", qualname.get(), keyword);
+            propagate();
+        }
+        if (out[index] != nullptr) {
+            Ref qualname = display_name(signature);
+            PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", qualname.get(), keyword);
+            propagate();
+        }
+        if (signature.params[index].kind == ParamKind::keyword_only) ++keyword_only_given;
+        out[index] = args[nargs + k];
+    }
+
+    if (nargs > positional_params) raise_too_many_positional(signature, nargs, keyword_only_given);
+
+    std::vector<const Param*> missing;
+    for (ParamKind kind : {ParamKind::positional_or_keyword, ParamKind::keyword_only}) {
+        for (size_t i = 0; i < signature.count; ++i) {
+            const Param& p = signature.params[i];
+            if (p.kind == kind && out[i] == nullptr && p.default_value.type == DefaultValue::Type::required) {
+                missing.push_back(&p);
+            }
+        }
+        if (!missing.empty()) {
+            raise_missing(signature, missing, kind == ParamKind::keyword_only ? "keyword-only" : "positional");
+        }
+    }
+
+    for (size_t i = 0; i < signature.count; ++i) {
+        if (out[i] != nullptr) continue;
+        const DefaultValue& d = signature.params[i].default_value;
+        out[i] = d.type == DefaultValue::Type::none ? Py_None : m.state().*(d.constant);
+    }
+}
+
+std::string signature_docstring(const SignatureView& signature) {
+    std::string result = unqualified_name(signature.qualname);
+    result += is_instance_method(signature) ? "($self, /" : "($module, /";
+    bool star_written = false;
+    for (size_t i = 0; i < signature.count; ++i) {
+        const Param& p = signature.params[i];
+        if (p.kind == ParamKind::keyword_only && !star_written) {
+            result += ", *";
+            star_written = true;
+        }
+        result += ", ";
+        result += p.name;
+        if (p.default_value.type != DefaultValue::Type::required) {
+            result += "=";
+            result += p.default_value.text;
+        }
+    }
+    result += ")\n--\n\n";
+    if (signature.doc != nullptr) result += signature.doc;
+    return result;
+}
+
+const char* unqualified_name(const char* qualname) {
+    const char* dot = std::strrchr(qualname, '.');
+    return dot ? dot + 1 : qualname;
+}
+
+}  // namespace tallowmere

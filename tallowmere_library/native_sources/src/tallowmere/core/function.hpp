@@ -1,0 +1,174 @@
+// Functions and methods of the module: one declaration per callable gives its
+// parameters (names, kinds, defaults), its qualified name and its docstring.
+// From it come the argument parser, the text signature that
+// `inspect.signature` reads, and the entry point the interpreter calls.
+//
+//     constexpr auto join_url_signature = signature(
+//         "_join_url", Binding::module_function, nullptr, param("server_url"), param("endpoint"));
+//     Ref join_url(const Module& m, Borrowed server_url, Borrowed endpoint);
+//     const Member join_url_member = member<join_url_signature, join_url>();
+#pragma once
+
+#include "core/module.hpp"
+#include "core/ref.hpp"
+
+#include <array>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <string>
+#include <tuple>
+
+namespace tallowmere {
+
+enum class ParamKind : unsigned char { positional_or_keyword, keyword_only };
+
+struct DefaultValue {
+    enum class Type : unsigned char { required, none, constant };
+    Type type;
+    PyObject* ModuleState::*constant;  // for Type::constant
+    const char* text;                  // how the default reads in the signature
+};
+
+inline constexpr DefaultValue required{DefaultValue::Type::required, nullptr, nullptr};
+inline constexpr DefaultValue none_default{DefaultValue::Type::none, nullptr, "None"};
+constexpr DefaultValue constant_default(PyObject* ModuleState::*constant, const char* text) {
+    return {DefaultValue::Type::constant, constant, text};
+}
+
+struct Param {
+    const char* name;
+    size_t name_length;
+    ParamKind kind;
+    DefaultValue default_value;
+};
+
+constexpr Param param(const char* name, DefaultValue default_value = required) {
+    return {name, std::char_traits<char>::length(name), ParamKind::positional_or_keyword, default_value};
+}
+constexpr Param keyword_only(const char* name, DefaultValue default_value = required) {
+    return {name, std::char_traits<char>::length(name), ParamKind::keyword_only, default_value};
+}
+
+// How a callable is bound into the module:
+// - module_function: a module-level function (receives the module);
+// - instance_method: a method descriptor on a class (receives the instance);
+// - static_method / class_method: a module function wrapped in staticmethod /
+//   classmethod and stored on a class (a class method's first parameter is `cls`);
+// - property_getter: a module function wrapped in property (first parameter `self`).
+enum class Binding : unsigned char { module_function, instance_method, static_method, class_method, property_getter };
+
+struct SignatureView {
+    const char* qualname;
+    Binding binding;
+    const char* doc;
+    const Param* params;
+    size_t count;
+};
+
+template <size_t N>
+struct Signature {
+    const char* qualname;
+    Binding binding;
+    const char* doc;
+    std::array<Param, N> params;
+
+    constexpr SignatureView view() const { return {qualname, binding, doc, params.data(), N}; }
+};
+
+template <class... Params>
+constexpr Signature<sizeof...(Params)> signature(const char* qualname, Binding binding, const char* doc,
+                                                 Params... params) {
+    return {qualname, binding, doc, {params...}};
+}
+
+// Parses vectorcall arguments into one borrowed value per parameter, with the
+// interpreter's own TypeError texts for missing, surplus and unknown arguments.
+void parse_arguments(const Module& m, const SignatureView& signature, PyObject* const* args, Py_ssize_t nargs,
+                     PyObject* kwnames, PyObject** out);
+
+// "name($module, /, a, b=None, *, c)\n--\n\n" followed by the docstring.
+std::string signature_docstring(const SignatureView& signature);
+
+template <size_t N>
+std::array<Borrowed, N> parse(const Module& m, const Signature<N>& signature, PyObject* const* args,
+                              Py_ssize_t nargs, PyObject* kwnames) {
+    std::array<PyObject*, N> raw{};
+    parse_arguments(m, signature.view(), args, nargs, kwnames, raw.data());
+    std::array<Borrowed, N> values;
+    for (size_t i = 0; i < N; ++i) values[i] = Borrowed(raw[i]);
+    return values;
+}
+
+// Runs an entry point's body: a thrown PyErrorSet (or a C++ failure) becomes NULL
+// with the Python error indicator set.
+template <class Body>
+PyObject* guarded(Body&& body) noexcept {
+    try {
+        Ref result = body();
+        if (!result && !PyErr_Occurred()) PyErr_SetString(PyExc_SystemError, "tallowmere.submit: missing result");
+        return result.release();
+    } catch (const PyErrorSet&) {
+        if (!PyErr_Occurred()) PyErr_SetString(PyExc_SystemError, "tallowmere.submit: error without exception");
+        return nullptr;
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
+        return nullptr;
+    } catch (const std::exception& failure) {
+        PyErr_SetString(PyExc_SystemError, failure.what());
+        return nullptr;
+    }
+}
+
+template <const auto& Sig, auto Impl>
+PyObject* module_entry(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) noexcept {
+    return guarded([&] {
+        Module m = Module::of(module);
+        auto values = parse(m, Sig, args, nargs, kwnames);
+        return std::apply([&](auto... value) { return Impl(m, value...); }, values);
+    });
+}
+
+template <const auto& Sig, auto Impl>
+PyObject* method_entry(PyObject* self, PyTypeObject* defining_class, PyObject* const* args, size_t nargsf,
+                       PyObject* kwnames) noexcept {
+    return guarded([&] {
+        Module m = Module::of_class(defining_class);
+        auto values = parse(m, Sig, args, PyVectorcall_NARGS(nargsf), kwnames);
+        return std::apply([&](auto... value) { return Impl(m, Borrowed(self), value...); }, values);
+    });
+}
+
+// A callable ready to be bound into the module or one of its classes.
+struct Member {
+    Binding binding;
+    PyMethodDef* (*method_def)();
+};
+
+const char* unqualified_name(const char* qualname);
+
+template <const auto& Sig, auto Impl>
+PyMethodDef* method_def_of() {
+    static const std::string doc = signature_docstring(Sig.view());
+    static PyMethodDef def = [] {
+        PyMethodDef d{};
+        d.ml_name = unqualified_name(Sig.qualname);
+        d.ml_doc = doc.c_str();
+        if constexpr (Sig.binding == Binding::instance_method) {
+            d.ml_meth = reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&method_entry<Sig, Impl>));
+            d.ml_flags = METH_METHOD | METH_FASTCALL | METH_KEYWORDS;
+        } else {
+            d.ml_meth = reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&module_entry<Sig, Impl>));
+            d.ml_flags = METH_FASTCALL | METH_KEYWORDS;
+        }
+        return d;
+    }();
+    return &def;
+}
+
+template <const auto& Sig, auto Impl>
+constexpr Member member() {
+    return {Sig.binding, &method_def_of<Sig, Impl>};
+}
+
+}  // namespace tallowmere

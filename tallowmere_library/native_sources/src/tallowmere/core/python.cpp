@@ -1,0 +1,238 @@
+#include "core/python.hpp"
+
+#include <cstdarg>
+#include <vector>
+
+namespace tallowmere {
+
+namespace {
+
+// Argument vector of a keyword call: positional values, keyword values, and the
+// tuple of keyword names. One spare slot in front, as `call` keeps.
+struct KeywordCall {
+    KeywordCall(std::initializer_list<Borrowed> leading, std::initializer_list<Borrowed> positional,
+                std::initializer_list<Kw> keywords)
+        : positional_count(leading.size() + positional.size()),
+          names(Ref::checked(PyTuple_New(static_cast<Py_ssize_t>(keywords.size())))) {
+        argv.reserve(1 + positional_count + keywords.size());
+        argv.push_back(nullptr);
+        for (Borrowed value : leading) argv.push_back(value.get());
+        for (Borrowed value : positional) argv.push_back(value.get());
+        Py_ssize_t i = 0;
+        for (const Kw& keyword : keywords) {
+            argv.push_back(keyword.value.get());
+            PyTuple_SET_ITEM(names.get(), i++, Py_NewRef(keyword.name));
+        }
+    }
+    size_t nargsf() const { return positional_count | PY_VECTORCALL_ARGUMENTS_OFFSET; }
+    PyObject* const* args() const { return argv.data() + 1; }
+    PyObject* kwnames() const { return PyTuple_GET_SIZE(names.get()) ? names.get() : nullptr; }
+
+    size_t positional_count;
+    std::vector<PyObject*> argv;
+    Ref names;
+};
+
+}  // namespace
+
+Ref call_kw(Borrowed callable, std::initializer_list<Borrowed> positional, std::initializer_list<Kw> keywords) {
+    KeywordCall c({}, positional, keywords);
+    return Ref::checked(PyObject_Vectorcall(callable.get(), c.args(), c.nargsf(), c.kwnames()));
+}
+
+Ref call_method_kw(Borrowed self, PyObject* name, std::initializer_list<Borrowed> positional,
+                   std::initializer_list<Kw> keywords) {
+    KeywordCall c({self}, positional, keywords);
+    return Ref::checked(PyObject_VectorcallMethod(name, c.args(), c.nargsf(), c.kwnames()));
+}
+
+Ref call_global_kw(const Module& m, PyObject* name, std::initializer_list<Borrowed> positional,
+                   std::initializer_list<Kw> keywords) {
+    Ref callable = m.global(name);
+    return call_kw(callable, positional, keywords);
+}
+
+// ---- attributes ---------------------------------------------------------------
+
+Ref getattr(Borrowed object, PyObject* name) { return Ref::checked(PyObject_GetAttr(object.get(), name)); }
+
+Ref getattr_or(Borrowed object, PyObject* name, Borrowed fallback) {
+    PyObject* value = PyObject_GetAttr(object.get(), name);
+    if (value != nullptr) return Ref::steal(value);
+    if (!PyErr_ExceptionMatches(PyExc_AttributeError)) propagate();
+    PyErr_Clear();
+    return Ref(fallback);
+}
+
+bool hasattr(Borrowed object, PyObject* name) {
+    PyObject* value = PyObject_GetAttr(object.get(), name);
+    if (value != nullptr) {
+        Py_DECREF(value);
+        return true;
+    }
+    if (!PyErr_ExceptionMatches(PyExc_AttributeError)) propagate();
+    PyErr_Clear();
+    return false;
+}
+
+void setattr(Borrowed object, PyObject* name, Borrowed value) {
+    check_status(PyObject_SetAttr(object.get(), name, value.get()));
+}
+
+// ---- containers --------------------------------------------------------------
+
+Ref new_dict() { return Ref::checked(PyDict_New()); }
+Ref new_list() { return Ref::checked(PyList_New(0)); }
+
+Ref mapping_get(Borrowed mapping, PyObject* key) {
+    if (PyDict_CheckExact(mapping.get())) return mapping_get(mapping, Borrowed(key), none());
+    return Ref::checked(PyObject_CallMethod(mapping.get(), "get", "O", key));
+}
+
+Ref mapping_get(Borrowed mapping, Borrowed key, Borrowed fallback) {
+    if (PyDict_CheckExact(mapping.get())) {
+        PyObject* value = PyDict_GetItemWithError(mapping.get(), key.get());
+        if (value != nullptr) return Ref(Borrowed(value));
+        if (PyErr_Occurred()) propagate();
+        return Ref(fallback);
+    }
+    return Ref::checked(PyObject_CallMethod(mapping.get(), "get", "OO", key.get(), fallback.get()));
+}
+
+void set_item(Borrowed mapping, Borrowed key, Borrowed value) {
+    if (PyDict_CheckExact(mapping.get())) {
+        check_status(PyDict_SetItem(mapping.get(), key.get(), value.get()));
+    } else {
+        check_status(PyObject_SetItem(mapping.get(), key.get(), value.get()));
+    }
+}
+
+Ref get_item(Borrowed container, Borrowed key) { return Ref::checked(PyObject_GetItem(container.get(), key.get())); }
+
+bool contains(Borrowed container, Borrowed key) {
+    return check_status(PySequence_Contains(container.get(), key.get())) != 0;
+}
+
+void list_append(Borrowed list, Borrowed item) { check_status(PyList_Append(list.get(), item.get())); }
+
+Py_ssize_t length(Borrowed object) {
+    Py_ssize_t size = PyObject_Length(object.get());
+    if (size < 0) propagate();
+    return size;
+}
+
+Ref new_tuple(std::initializer_list<Borrowed> items) {
+    Ref tuple = Ref::checked(PyTuple_New(static_cast<Py_ssize_t>(items.size())));
+    Py_ssize_t i = 0;
+    for (Borrowed item : items) PyTuple_SET_ITEM(tuple.get(), i++, Py_NewRef(item.get()));
+    return tuple;
+}
+
+Ref slice(Borrowed sequence, Py_ssize_t start, Py_ssize_t stop) {
+    return Ref::checked(PySequence_GetSlice(sequence.get(), start, stop));
+}
+
+Ref slice_to(Borrowed sequence, Borrowed stop) {
+    Ref bounds = Ref::checked(PySlice_New(nullptr, stop.get(), nullptr));
+    return get_item(sequence, bounds);
+}
+
+// ---- text ----------------------------------------------------------------------
+
+Ref text(const char* utf8) { return Ref::checked(PyUnicode_FromString(utf8)); }
+Ref str(Borrowed value) { return Ref::checked(PyObject_Str(value.get())); }
+Ref repr(Borrowed value) { return Ref::checked(PyObject_Repr(value.get())); }
+
+Ref format(Borrowed value) {
+    if (PyUnicode_CheckExact(value.get())) return Ref(value);
+    return Ref::checked(PyObject_Format(value.get(), nullptr));
+}
+
+Ref concat(std::initializer_list<Borrowed> parts) {
+    Ref pieces = new_tuple(parts);
+    Ref separator = Ref::checked(PyUnicode_FromStringAndSize("", 0));
+    return Ref::checked(PyUnicode_Join(separator.get(), pieces.get()));
+}
+
+Ref format_text(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    PyObject* result = PyUnicode_FromFormatV(format, arguments);
+    va_end(arguments);
+    return Ref::checked(result);
+}
+
+// ---- numbers and comparisons --------------------------------------------------
+
+Ref integer(long long value) { return Ref::checked(PyLong_FromLongLong(value)); }
+Ref floating(double value) { return Ref::checked(PyFloat_FromDouble(value)); }
+
+Ref to_int(Borrowed value) {
+    if (PyLong_CheckExact(value.get())) return Ref(value);
+    return Ref::checked(PyNumber_Long(value.get()));
+}
+
+long long as_long_long(Borrowed value) {
+    long long result = PyLong_AsLongLong(value.get());
+    if (result == -1 && PyErr_Occurred()) propagate();
+    return result;
+}
+
+bool equals(Borrowed a, Borrowed b) { return compare(a, b, Py_EQ); }
+
+bool compare(Borrowed a, Borrowed b, int op) {
+    return check_status(PyObject_RichCompareBool(a.get(), b.get(), op)) != 0;
+}
+
+std::pair<Ref, Ref> unpack_pair(Borrowed result) {
+    if (PyTuple_CheckExact(result.get()) && PyTuple_GET_SIZE(result.get()) == 2) {
+        return {Ref(Borrowed(PyTuple_GET_ITEM(result.get(), 0))), Ref(Borrowed(PyTuple_GET_ITEM(result.get(), 1)))};
+    }
+    Ref iterator = Ref::checked(PyObject_GetIter(result.get()));
+    Ref values[2];
+    for (int i = 0; i < 2; ++i) {
+        values[i] = Ref::steal(PyIter_Next(iterator.get()));
+        if (!values[i]) {
+            if (PyErr_Occurred()) propagate();
+            PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected 2, got %d)", i);
+            propagate();
+        }
+    }
+    Ref extra = Ref::steal(PyIter_Next(iterator.get()));
+    if (extra) raise_value_error("too many values to unpack (expected 2)");
+    if (PyErr_Occurred()) propagate();
+    return {std::move(values[0]), std::move(values[1])};
+}
+
+// ---- raising ---------------------------------------------------------------------
+
+void raise(PyObject* type, const char* message) {
+    PyErr_SetString(type, message);
+    propagate();
+}
+
+void raise(PyObject* type, Borrowed message) {
+    PyErr_SetObject(type, message.get());
+    propagate();
+}
+
+void raise_value_error(const char* message) { raise(PyExc_ValueError, message); }
+void raise_value_error(Borrowed message) { raise(PyExc_ValueError, message); }
+
+void raise_from(PyObject* type, const char* message, Borrowed cause) {
+    Ref exception = call(Borrowed(type), text(message));
+    PyException_SetCause(exception.get(), Ref(cause).release());
+    raise_instance(exception);
+}
+
+void raise_instance(Borrowed exception) {
+    PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(exception.get())), exception.get());
+    propagate();
+}
+
+void Caught::reraise() const {
+    PyErr_SetRaisedException(Ref(exception_).release());
+    propagate();
+}
+
+}  // namespace tallowmere

@@ -1,0 +1,199 @@
+// Era catalog lookup: finding the era a submission belongs to in the
+// catalog that `GET eras` returns, and reading the era's required fields.
+// Pure functions over decoded JSON (or objects with attributes); lookups give
+// None, required fields raise ValueError with the "era config ..." texts.
+#include "core/function.hpp"
+#include "core/python.hpp"
+#include "members.hpp"
+
+namespace tallowmere {
+
+namespace {
+
+// ---- tolerant readers ---------------------------------------------------------------
+
+constexpr auto field_value_signature = signature("_field_value", Binding::module_function, nullptr, param("value"),
+                                                 param("key"), param("default", none_default));
+
+Ref field_value(const Module&, Borrowed value, Borrowed key, Borrowed fallback) {
+    if (is_dict(value)) return mapping_get(value, key, fallback);
+    if (!PyUnicode_Check(key.get())) {
+        PyErr_Format(PyExc_TypeError, "attribute name must be string, not '%.200s'", Py_TYPE(key.get())->tp_name);
+        propagate();
+    }
+    return getattr_or(value, key.get(), fallback);
+}
+
+constexpr auto mapping_lookup_signature =
+    signature("_mapping_lookup", Binding::module_function, nullptr, param("mapping"), param("key"));
+
+Ref mapping_lookup(const Module&, Borrowed mapping, Borrowed key) {
+    if (!is_dict(mapping)) return Ref(none());
+    if (contains(mapping, key)) return get_item(mapping, key);
+    Ref key_text = str(key);
+    if (contains(mapping, key_text)) return get_item(mapping, key_text);
+    return Ref(none());
+}
+
+constexpr auto coerce_optional_int_signature =
+    signature("_coerce_optional_int", Binding::module_function, nullptr, param("value"));
+
+Ref coerce_optional_int(const Module&, Borrowed value) {
+    if (is_bool(value) || value.is_none()) return Ref(none());
+    return try_except([&] { return to_int(value); },
+                      [&](const Caught& caught) -> Ref {
+                          Ref tolerated = new_tuple({Borrowed(PyExc_TypeError), Borrowed(PyExc_ValueError),
+                                                     Borrowed(PyExc_OverflowError)});
+                          if (!caught.matches(tolerated)) caught.reraise();
+                          return Ref(none());
+                      });
+}
+
+// Module-global versions, looked up at call time.
+Ref field_of(const Module& m, Borrowed era, PyObject* key, Borrowed fallback = none()) {
+    return call_global(m, m.n._field_value, era, Borrowed(key), fallback);
+}
+
+Ref coerced_int(const Module& m, Borrowed value) { return call_global(m, m.n._coerce_optional_int, value); }
+
+// ---- finding the era --------------------------------------------------------------------
+
+constexpr auto active_era_from_catalog_signature =
+    signature("_active_era_from_catalog", Binding::module_function, nullptr, param("catalog"),
+              param("market_id", none_default), param("era_number", none_default));
+
+// The candidate eras of a catalog (steps 2 and 3 of the lookup).
+Ref candidate_eras(const Module& m, Borrowed catalog, Borrowed market_id) {
+    const Names& n = m.n;
+    Ref eras_by_market = mapping_get(catalog, n.eras_by_market);
+    if (!truthy(eras_by_market)) eras_by_market = mapping_get(catalog, n.market_era_groups);
+
+    if (is_dict(eras_by_market) && !market_id.is_none()) {
+        Ref eras = mapping_get(eras_by_market, str(to_int(market_id)), none());
+        if (!truthy(eras)) eras = mapping_get(eras_by_market, to_int(market_id), none());
+        return eras;
+    }
+    if (is_dict(eras_by_market)) {
+        Ref grouped = new_list();
+        Ref groups = call_method(eras_by_market, n.values);
+        Ref iterator = Ref::checked(PyObject_GetIter(groups.get()));
+        while (Ref group = Ref::steal(PyIter_Next(iterator.get()))) {
+            if (is_list(group)) {
+                Ref extended = Ref::checked(PySequence_InPlaceConcat(grouped.get(), group.get()));
+            }
+        }
+        if (PyErr_Occurred()) propagate();
+        if (length(grouped) > 0) return grouped;
+    }
+    return mapping_get(catalog, n.eras);
+}
+
+Ref active_era_from_catalog(const Module& m, Borrowed catalog, Borrowed market_id, Borrowed era_number) {
+    const Names& n = m.n;
+    if (!is_dict(catalog)) return Ref(none());
+    Ref eras = candidate_eras(m, catalog, market_id);
+    if (!is_list(eras) || PyList_GET_SIZE(eras.get()) == 0) return Ref(none());
+
+    // The eras are read by index, one new reference at a time, so that a list
+    // changed by a callee cannot leave a dangling pointer behind.
+    auto era_at = [&](Py_ssize_t i) -> Ref {
+        if (i >= PyList_GET_SIZE(eras.get())) return Ref();
+        return Ref(Borrowed(PyList_GET_ITEM(eras.get(), i)));
+    };
+
+    if (!era_number.is_none()) {
+        Ref requested_number = coerced_int(m, era_number);
+        for (Py_ssize_t i = 0; Ref era = era_at(i); ++i) {
+            if (equals(coerced_int(m, field_of(m, era, n.era_number)), requested_number)) return era;
+        }
+    }
+
+    Ref active_id = mapping_get(catalog, n.active_era_number);
+    if (active_id.is_none()) {
+        Ref active_identity = mapping_get(catalog, n.active_market_era);
+        if (!truthy(active_identity)) active_identity = mapping_get(catalog, n.current_market_era);
+        if (is_dict(active_identity)) active_id = mapping_get(active_identity, n.era_number);
+    }
+    active_id = coerced_int(m, active_id);
+
+    if (!active_id.is_none()) {
+        for (Py_ssize_t i = 0; Ref era = era_at(i); ++i) {
+            Ref identity = field_of(m, era, n.era_number, field_of(m, era, n.id));
+            if (equals(coerced_int(m, identity), active_id)) return era;
+        }
+    }
+
+    for (Py_ssize_t i = 0; Ref era = era_at(i); ++i) {
+        Ref state = field_of(m, era, n.state, Borrowed(m.state().empty_text));
+        if (!truthy(state)) state = Ref(Borrowed(m.state().empty_text));
+        Ref lowered = call_method(str(state), n.lower);
+        for (PyObject* usable : {n.active, n.current, n.open}) {
+            if (equals(lowered, Borrowed(usable))) return era;
+        }
+    }
+    return era_at(0);
+}
+
+constexpr auto required_active_submit_era_signature =
+    signature("_required_active_submit_era", Binding::module_function, nullptr, param("catalog"),
+              param("market_id", none_default), param("era_number", none_default));
+
+Ref required_active_submit_era(const Module& m, Borrowed catalog, Borrowed market_id, Borrowed era_number) {
+    Ref era = call_global_kw(m, m.n._active_era_from_catalog, {catalog},
+                             {{m.n.market_id, market_id}, {m.n.era_number, era_number}});
+    if (era.is_none()) raise_value_error("era config unavailable: /eras returned no active era");
+    return era;
+}
+
+// ---- required fields -----------------------------------------------------------------------
+
+constexpr auto required_positive_era_int_signature = signature(
+    "_required_positive_era_int", Binding::module_function, nullptr, param("era"), param("field_name"));
+
+Ref required_positive_era_int(const Module& m, Borrowed era, Borrowed field_name) {
+    Ref value = call_global(m, m.n._field_value, era, field_name);
+    if (is_bool(value) || !is_exact_int(value) || compare(value, integer(0), Py_LE)) {
+        raise_value_error(concat({text("era config field "), format(field_name), text(" must be a positive integer")}));
+    }
+    return value;
+}
+
+constexpr auto required_era_frequency_signature =
+    signature("_required_era_frequency", Binding::module_function, nullptr, param("era"));
+
+Ref required_era_frequency(const Module& m, Borrowed era) {
+    Ref value = field_of(m, era, m.n.frequency);
+    if (!is_str(value) || equals(call_method(value, m.n.strip), Borrowed(m.state().empty_text))) {
+        raise_value_error("era config field frequency must be a non-empty string");
+    }
+    return value;
+}
+
+constexpr auto projection_signature = signature("_simulation_data_contract_projection_from_era",
+                                                Binding::module_function, nullptr, param("era"));
+
+Ref simulation_data_contract_projection_from_era(const Module& m, Borrowed era) {
+    Ref projection = field_of(m, era, m.n.simulation_data_contract_projection);
+    if (projection.is_none()) return projection;
+    if (is_dict(projection)) return call(Borrowed(reinterpret_cast<PyObject*>(&PyDict_Type)), projection);
+    raise_value_error("era config field simulation_data_contract_projection must be a dict");
+}
+
+}  // namespace
+
+namespace members {
+const Member field_value = member<field_value_signature, tallowmere::field_value>();
+const Member mapping_lookup = member<mapping_lookup_signature, tallowmere::mapping_lookup>();
+const Member coerce_optional_int = member<coerce_optional_int_signature, tallowmere::coerce_optional_int>();
+const Member active_era_from_catalog =
+    member<active_era_from_catalog_signature, tallowmere::active_era_from_catalog>();
+const Member required_active_submit_era =
+    member<required_active_submit_era_signature, tallowmere::required_active_submit_era>();
+const Member required_positive_era_int =
+    member<required_positive_era_int_signature, tallowmere::required_positive_era_int>();
+const Member required_era_frequency = member<required_era_frequency_signature, tallowmere::required_era_frequency>();
+const Member simulation_data_contract_projection_from_era =
+    member<projection_signature, tallowmere::simulation_data_contract_projection_from_era>();
+}  // namespace members
+
+}  // namespace tallowmere

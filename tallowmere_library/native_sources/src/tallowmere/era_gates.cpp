@@ -1,0 +1,296 @@
+// The era gates a signal passes before it is sent (graph complexity, a
+// recorded backtest timing within the era's budgets), the thresholds of a
+// signal pool for a named universe, and the client's era catalog accessor.
+#include "core/function.hpp"
+#include "core/python.hpp"
+#include "members.hpp"
+
+namespace tallowmere {
+
+namespace {
+
+// How long a fetched catalog serves before the next submission asks again.
+constexpr double era_catalog_max_age_seconds = 60.0;
+
+constexpr const char missing_timing_message[] =
+    "recorded backtest timing is required before submit; run simulate_signal for this graph before submitting it";
+
+Ref field_of(const Module& m, Borrowed value, PyObject* key) {
+    return call_global(m, m.n._field_value, value, Borrowed(key));
+}
+
+Ref positive_era_int(const Module& m, Borrowed era, PyObject* field_name) {
+    return call_global(m, m.n._required_positive_era_int, era, Borrowed(field_name));
+}
+
+bool is_list_or_tuple(Borrowed value) { return PyList_Check(value.get()) || PyTuple_Check(value.get()); }
+
+// Iterates a list or tuple by index, each item a new reference.
+template <class Visit>
+Ref for_each_item(Borrowed sequence, Visit&& visit) {
+    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(sequence.get()); ++i) {
+        Ref item(Borrowed(PySequence_Fast_GET_ITEM(sequence.get(), i)));
+        if (Ref found = visit(item)) return found;
+    }
+    return Ref();
+}
+
+// ---- graph complexity -----------------------------------------------------------------
+
+constexpr auto enforce_graph_complexity_signature = signature(
+    "_enforce_graph_complexity_for_submit", Binding::module_function, nullptr, param("graph"), param("era"));
+
+Ref enforce_graph_complexity_for_submit(const Module& m, Borrowed graph, Borrowed era) {
+    const Names& n = m.n;
+    Ref max_depth = positive_era_int(m, era, n.max_depth);
+    Ref max_node_count = positive_era_int(m, era, n.max_node_count);
+    Ref complexity = call_global(m, n.measure_graph_complexity, graph);
+    Ref depth = getattr(complexity, n.depth);
+    if (compare(depth, max_depth, Py_GT)) {
+        raise_value_error(concat({text("graph complexity depth "), format(depth), text(" exceeds max_depth "),
+                                  format(max_depth)}));
+    }
+    Ref node_count = getattr(complexity, n.node_count);
+    if (compare(node_count, max_node_count, Py_GT)) {
+        raise_value_error(concat({text("graph complexity node_count "), format(node_count),
+                                  text(" exceeds max_node_count "), format(max_node_count)}));
+    }
+    return complexity;
+}
+
+// ---- recorded backtest timing ------------------------------------------------------------
+
+constexpr auto enforce_recorded_timing_signature = signature(
+    "_enforce_recorded_backtest_timing_for_submit", Binding::module_function, nullptr, param("graph"), param("era"));
+
+Ref enforce_recorded_backtest_timing_for_submit(const Module& m, Borrowed graph, Borrowed era) {
+    const Names& n = m.n;
+    Ref timing = m.global(n._backtest_timing);
+    Ref record = call_method(timing, n.consume_recorded_backtest_timing, graph);
+    if (record.is_none()) raise_value_error(missing_timing_message);
+
+    Ref frequency = call_global(m, n._required_era_frequency, era);
+    Ref row_budget_ms = positive_era_int(m, era, n.backtest_row_budget_ms);
+    Ref whole_budget_seconds = positive_era_int(m, era, n.backtest_whole_budget_seconds);
+    Ref per_row_budget_seconds = floating(static_cast<double>(as_long_long(row_budget_ms)) / 1000.0);
+    Ref whole_budget = Ref::checked(PyNumber_Float(whole_budget_seconds.get()));
+
+    Ref assessment = call_method_kw(timing, n.assess_client_backtest_timing, {record},
+                                    {{n.frequency, frequency},
+                                     {n.per_row_budget_seconds, per_row_budget_seconds},
+                                     {n.whole_budget_seconds, whole_budget}});
+    if (equals(field_of(m, assessment, n.status), Borrowed(n.accepted))) return Ref(none());
+    raise_value_error(concat({text("backtest timing budget exceeded: "), format(field_of(m, assessment, n.reason)),
+                              text("; elapsed="), format(field_of(m, assessment, n.elapsed_seconds)),
+                              text("; max_row="), format(field_of(m, assessment, n.max_row_elapsed_seconds)),
+                              text("; row_budget="), format(field_of(m, assessment, n.per_row_budget_seconds)),
+                              text("; total_budget="), format(field_of(m, assessment, n.whole_budget_seconds))}));
+}
+
+// ---- universe rules and pool thresholds ----------------------------------------------------
+
+// A rule reference equals a rule id as integers when both read as integers,
+// otherwise as text.
+bool rule_matches(const Module& m, Borrowed candidate, Borrowed rule_id) {
+    if (candidate.is_none() || rule_id.is_none()) return false;
+    Ref a = call_global(m, m.n._coerce_optional_int, candidate);
+    Ref b = call_global(m, m.n._coerce_optional_int, rule_id);
+    if (!a.is_none() && !b.is_none()) return equals(a, b);
+    return equals(str(candidate), str(rule_id));
+}
+
+constexpr auto rule_id_for_named_universe_signature = signature(
+    "_rule_id_for_named_universe", Binding::module_function, nullptr, param("era"), param("named_universe"));
+
+Ref rule_id_for_named_universe(const Module& m, Borrowed era, Borrowed named_universe) {
+    const Names& n = m.n;
+    Ref rules = field_of(m, era, n.universe_rules);
+    if (!is_list_or_tuple(rules)) return Ref(none());
+    Ref found = for_each_item(rules, [&](Borrowed rule) -> Ref {
+        Ref rule_id = field_of(m, rule, n.rule_id);
+        Ref universes = field_of(m, rule, n.universes);
+        if (rule_id.is_none() || !is_list_or_tuple(universes)) return Ref();
+        return for_each_item(universes, [&](Borrowed entry) -> Ref {
+            if (is_str(entry)) return equals(entry, named_universe) ? rule_id : Ref();
+            for (PyObject* key : {n.name, n.id}) {
+                Ref candidate = field_of(m, entry, key);
+                if (!candidate.is_none() && equals(str(candidate), named_universe)) return rule_id;
+            }
+            return Ref();
+        });
+    });
+    return found ? found : Ref(none());
+}
+
+constexpr auto signal_is_thresholds_for_pool_signature = signature(
+    "_signal_is_thresholds_for_pool", Binding::module_function, nullptr, param("pool"), param("rule_id"));
+
+Ref signal_is_thresholds_for_pool(const Module& m, Borrowed pool, Borrowed rule_id) {
+    const Names& n = m.n;
+    Ref entries = field_of(m, pool, n.signal_is_thresholds);
+    if (is_dict(entries)) {
+        Ref entry = call_global(m, n._mapping_lookup, entries, rule_id);
+        return is_dict(entry) ? entry : Ref(none());
+    }
+    if (!is_list_or_tuple(entries)) return Ref(none());
+    Ref found = for_each_item(entries, [&](Borrowed entry) -> Ref {
+        if (!is_dict(entry)) return Ref();
+        for (PyObject* key : {n.universe_rule_id, n.rule_id}) {
+            if (rule_matches(m, field_of(m, entry, key), rule_id)) return Ref(entry);
+        }
+        Ref universes = field_of(m, entry, n.universes);
+        if (!is_list_or_tuple(universes)) return Ref();
+        return for_each_item(universes, [&](Borrowed candidate) -> Ref {
+            return rule_matches(m, candidate, rule_id) ? Ref(entry) : Ref();
+        });
+    });
+    return found ? found : Ref(none());
+}
+
+constexpr auto thresholds_from_catalog_signature =
+    signature("_submission_thresholds_from_era_catalog", Binding::module_function, nullptr, param("catalog"),
+              param("named_universe"), param("signal_pool_name"), param("market_id", none_default),
+              param("era_number", none_default));
+
+// The first of `keys` that `source` holds with a value other than None.
+Ref first_present(const Module& m, Borrowed source, std::initializer_list<PyObject*> keys) {
+    for (PyObject* key : keys) {
+        Ref value = field_of(m, source, key);
+        if (!value.is_none()) return value;
+    }
+    return Ref(none());
+}
+
+Ref submission_thresholds_from_era_catalog(const Module& m, Borrowed catalog, Borrowed named_universe,
+                                           Borrowed signal_pool_name, Borrowed market_id, Borrowed era_number) {
+    const Names& n = m.n;
+    Ref era = call_global_kw(m, n._active_era_from_catalog, {catalog},
+                             {{n.market_id, market_id}, {n.era_number, era_number}});
+    if (era.is_none()) raise_value_error("thresholds unavailable: /eras returned no active era");
+
+    Ref rule_id = call_global(m, n._rule_id_for_named_universe, era, named_universe);
+    if (rule_id.is_none()) {
+        raise_value_error(
+            concat({text("thresholds unavailable: named_universe "), format(named_universe), text(" not found")}));
+    }
+    Ref pool = call_global(m, n._shared_selected_signal_pool_from_era_config, era, signal_pool_name);
+    if (pool.is_none()) {
+        raise_value_error(
+            concat({text("thresholds unavailable: signal_pool_name "), format(signal_pool_name), text(" not found")}));
+    }
+    Ref entry = call_global(m, n._signal_is_thresholds_for_pool, pool, rule_id);
+    if (!is_dict(entry)) {
+        raise_value_error(concat({text("thresholds unavailable: signal_pool_name "), format(signal_pool_name),
+                                  text(" has no signal_is_thresholds for named_universe "), format(named_universe)}));
+    }
+
+    // The entry's threshold keys, without the keys that matched it to the rule.
+    Ref thresholds = new_dict();
+    PyObject *key, *value;
+    Py_ssize_t position = 0;
+    Ref entry_items = call(Borrowed(reinterpret_cast<PyObject*>(&PyDict_Type)), entry);
+    while (PyDict_Next(entry_items.get(), &position, &key, &value)) {
+        bool matching_key = false;
+        for (PyObject* skipped : {n.universe_rule_id, n.rule_id, n.universes, n.mi_threshold}) {
+            if (equals(Borrowed(key), Borrowed(skipped))) matching_key = true;
+        }
+        if (!matching_key) set_item(thresholds, Borrowed(key), Borrowed(value));
+    }
+
+    Ref correlation = first_present(m, entry, {n.is_correlation_threshold});
+    if (correlation.is_none()) correlation = first_present(m, pool, {n.is_correlation_threshold});
+    if (correlation.is_none()) raise_value_error("thresholds unavailable: missing is_correlation_threshold");
+    set_item(thresholds, Borrowed(n.is_correlation_threshold), correlation);
+
+    Ref mutual_information = first_present(m, entry, {n.is_pnl_mi_threshold, n.mi_threshold});
+    if (mutual_information.is_none()) mutual_information = first_present(m, pool, {n.is_pnl_mi_threshold, n.mi_threshold});
+    if (mutual_information.is_none()) raise_value_error("thresholds unavailable: missing is_pnl_mi_threshold");
+    set_item(thresholds, Borrowed(n.is_pnl_mi_threshold), mutual_information);
+    return thresholds;
+}
+
+// ---- the client's catalog accessor ---------------------------------------------------------
+
+constexpr auto fetch_era_catalog_signature =
+    signature("SignalServiceClient._fetch_era_catalog", Binding::instance_method,
+              "Return the service's era catalog (GET eras), kept for at most 60 seconds.");
+
+bool usable_catalog(const Module& m, Borrowed catalog) {
+    if (!is_dict(catalog)) return false;
+    for (PyObject* key : {m.n.eras_by_market, m.n.market_era_groups, m.n.eras}) {
+        Ref eras = mapping_get(catalog, key);
+        if ((is_dict(eras) || is_list(eras)) && truthy(eras)) return true;
+    }
+    return false;
+}
+
+Ref monotonic_now(const Module& m) { return call_method(m.global(m.n.time), m.n.monotonic); }
+
+Ref fetch_era_catalog(const Module& m, Borrowed self) {
+    const Names& n = m.n;
+    Ref cached = getattr(self, n._era_catalog_cache);
+    if (!cached.is_none()) {
+        // The stamp pairs the catalog this client fetched with the time it did;
+        // a catalog placed in the cache by anyone else is used as it is.
+        Ref stamp = getattr_or(self, n._era_catalog_cache_stamp, none());
+        bool fetched_here = PyTuple_Check(stamp.get()) && PyTuple_GET_SIZE(stamp.get()) == 2 &&
+                            PyTuple_GET_ITEM(stamp.get(), 0) == cached.get();
+        if (!fetched_here) return cached;
+        Ref age = Ref::checked(PyNumber_Subtract(monotonic_now(m).get(), PyTuple_GET_ITEM(stamp.get(), 1)));
+        if (compare(age, floating(era_catalog_max_age_seconds), Py_LT)) return cached;
+    }
+
+    Ref catalog = try_except(
+        [&] {
+            Ref answer = call_method(self, n._canonical_request, Borrowed(n.GET), Borrowed(n.eras));
+            return get_item(answer, integer(1));
+        },
+        [&](const Caught& caught) -> Ref {
+            Ref request_errors = new_tuple({Borrowed(PyExc_ConnectionError),
+                                            getattr(m.global(n.httpx), n.TransportError),
+                                            m.global(n.SubmissionRejectedError), m.global(n.SignalClientResponseError)});
+            if (!caught.matches(request_errors)) caught.reraise();
+            raise_from(PyExc_ValueError, "thresholds are required for submit_signal; could not fetch /eras",
+                       caught.exception());
+        });
+    if (!usable_catalog(m, catalog)) {
+        raise_value_error("thresholds are required for submit_signal; /eras returned invalid payload");
+    }
+    setattr(self, n._era_catalog_cache, catalog);
+    setattr(self, n._era_catalog_cache_stamp, new_tuple({catalog, monotonic_now(m)}));
+    return catalog;
+}
+
+constexpr auto resolve_submit_thresholds_signature =
+    signature("SignalServiceClient._resolve_submit_thresholds", Binding::instance_method, nullptr,
+              param("named_universe"), param("signal_pool_name"), param("market_id", none_default),
+              param("era_number", none_default));
+
+Ref resolve_submit_thresholds(const Module& m, Borrowed self, Borrowed named_universe, Borrowed signal_pool_name,
+                              Borrowed market_id, Borrowed era_number) {
+    Ref catalog = call_method(self, m.n._fetch_era_catalog);
+    return call_global_kw(m, m.n._submission_thresholds_from_era_catalog, {catalog, named_universe, signal_pool_name},
+                          {{m.n.market_id, market_id}, {m.n.era_number, era_number}});
+}
+
+}  // namespace
+
+namespace members {
+const Member enforce_graph_complexity_for_submit =
+    member<enforce_graph_complexity_signature, tallowmere::enforce_graph_complexity_for_submit>();
+const Member enforce_recorded_backtest_timing_for_submit =
+    member<enforce_recorded_timing_signature, tallowmere::enforce_recorded_backtest_timing_for_submit>();
+const Member rule_id_for_named_universe =
+    member<rule_id_for_named_universe_signature, tallowmere::rule_id_for_named_universe>();
+const Member signal_is_thresholds_for_pool =
+    member<signal_is_thresholds_for_pool_signature, tallowmere::signal_is_thresholds_for_pool>();
+const Member submission_thresholds_from_era_catalog =
+    member<thresholds_from_catalog_signature, tallowmere::submission_thresholds_from_era_catalog>();
+namespace client {
+const Member fetch_era_catalog = member<fetch_era_catalog_signature, tallowmere::fetch_era_catalog>();
+const Member resolve_submit_thresholds =
+    member<resolve_submit_thresholds_signature, tallowmere::resolve_submit_thresholds>();
+}  // namespace client
+}  // namespace members
+
+}  // namespace tallowmere

@@ -1,0 +1,127 @@
+// Submission records and the two errors of the request path.
+//
+// SubmissionReceipt and SubmissionStatus store what they are given; the
+// request path raises SubmissionRejectedError when the service says no and
+// SignalClientResponseError when its answer cannot be used. The public
+// methods turn both into result records.
+#include "core/function.hpp"
+#include "core/python.hpp"
+#include "members.hpp"
+
+namespace tallowmere {
+
+namespace {
+
+// super().__init__(message) for a direct subclass of Exception.
+void init_exception_base(Borrowed self, Borrowed message) {
+    Ref args = new_tuple({message});
+    check_status(reinterpret_cast<PyTypeObject*>(PyExc_Exception)->tp_init(self.get(), args.get(), nullptr));
+}
+
+// ---- SubmissionReceipt ----------------------------------------------------------
+
+constexpr auto receipt_init_signature =
+    signature("SubmissionReceipt.__init__", Binding::instance_method, nullptr, param("submission_id"));
+
+Ref receipt_init(const Module& m, Borrowed self, Borrowed submission_id) {
+    setattr(self, m.n.submission_id, submission_id);
+    return Ref(none());
+}
+
+// ---- SubmissionStatus -------------------------------------------------------------
+
+constexpr auto status_init_signature = signature(
+    "SubmissionStatus.__init__", Binding::instance_method, nullptr, param("submission_id"), param("status"),
+    param("is_stats"), param("payment"), param("rejection_reason"), param("signal_pool_name", none_default),
+    param("is_correlation", none_default), param("agent_is_correlation", none_default),
+    param("is_pnl_mi", none_default), param("agent_is_pnl_mi", none_default), param("failure_reason", none_default),
+    param("failure_detail", none_default), param("failure_message", none_default));
+
+Ref status_init(const Module& m, Borrowed self, Borrowed submission_id, Borrowed status, Borrowed is_stats,
+                Borrowed payment, Borrowed rejection_reason, Borrowed signal_pool_name, Borrowed is_correlation,
+                Borrowed agent_is_correlation, Borrowed is_pnl_mi, Borrowed agent_is_pnl_mi, Borrowed failure_reason,
+                Borrowed failure_detail, Borrowed failure_message) {
+    const Names& n = m.n;
+    setattr(self, n.submission_id, submission_id);
+    setattr(self, n.status, status);
+    setattr(self, n.is_stats, is_stats);
+    setattr(self, n.payment, payment);
+    setattr(self, n.rejection_reason, rejection_reason);
+    setattr(self, n.signal_pool_name, signal_pool_name);
+    setattr(self, n.is_correlation, is_correlation);
+    setattr(self, n.agent_is_correlation, agent_is_correlation);
+    setattr(self, n.is_pnl_mi, is_pnl_mi);
+    setattr(self, n.agent_is_pnl_mi, agent_is_pnl_mi);
+    setattr(self, n.failure_reason, failure_reason);
+    setattr(self, n.failure_detail, failure_detail);
+    setattr(self, n.failure_message, failure_message);
+    return Ref(none());
+}
+
+// ---- SubmissionRejectedError ---------------------------------------------------------
+
+constexpr auto rejected_init_signature =
+    signature("SubmissionRejectedError.__init__", Binding::instance_method, nullptr, param("status_code"),
+              param("reason"), param("details", none_default), param("body", none_default));
+
+Ref rejected_init(const Module& m, Borrowed self, Borrowed status_code, Borrowed reason, Borrowed details,
+                  Borrowed body) {
+    init_exception_base(self, format_text("%S: %S", status_code.get(), reason.get()));
+    setattr(self, m.n.status_code, status_code);
+    setattr(self, m.n.reason, reason);
+    setattr(self, m.n.details, details);
+    setattr(self, m.n.body, body);
+    return Ref(none());
+}
+
+// ---- SignalClientResponseError --------------------------------------------------------
+
+constexpr auto response_error_init_signature =
+    signature("SignalClientResponseError.__init__", Binding::instance_method, nullptr, param("message"),
+              keyword_only("status_code"), keyword_only("url"), keyword_only("raw_body"));
+
+Ref response_error_init(const Module& m, Borrowed self, Borrowed message, Borrowed status_code, Borrowed url,
+                        Borrowed raw_body) {
+    init_exception_base(self, message);
+    setattr(self, m.n.status_code, status_code);
+    setattr(self, m.n.url, url);
+    setattr(self, m.n.raw_body, raw_body);
+    Ref preview_bytes = m.global(m.n._MALFORMED_BODY_PREVIEW_BYTES);
+    setattr(self, m.n.raw_body_preview, slice_to(raw_body, preview_bytes));
+    return Ref(none());
+}
+
+// ---- _raise_submission_rejected -----------------------------------------------------------
+
+constexpr auto raise_submission_rejected_signature = signature(
+    "_raise_submission_rejected", Binding::module_function, nullptr, param("status_code"), param("response_data"));
+
+Ref raise_submission_rejected(const Module& m, Borrowed status_code, Borrowed response_data) {
+    Ref reason = mapping_get(response_data, m.n.reason);
+    if (!truthy(reason)) reason = mapping_get(response_data, m.n.error);
+    if (!truthy(reason)) reason = concat({text("http_"), format(status_code)});
+    Ref details = mapping_get(response_data, Borrowed(m.n.details), none());
+    Ref error = call_global_kw(m, m.n.SubmissionRejectedError, {status_code, reason, details},
+                               {{m.n.body, response_data}});
+    raise_instance(error);
+}
+
+}  // namespace
+
+namespace members {
+namespace receipt {
+const Member init = member<receipt_init_signature, receipt_init>();
+}
+namespace status_record {
+const Member init = member<status_init_signature, status_init>();
+}
+namespace rejected_error {
+const Member init = member<rejected_init_signature, rejected_init>();
+}
+namespace response_error {
+const Member init = member<response_error_init_signature, response_error_init>();
+}
+const Member raise_submission_rejected = member<raise_submission_rejected_signature, tallowmere::raise_submission_rejected>();
+}  // namespace members
+
+}  // namespace tallowmere

@@ -1,0 +1,294 @@
+// Status and listing: the status of one submission, a filtered list of the
+// caller's submissions, and polling until a terminal status — each outcome a
+// StatusResult or SubmissionListResult, never an exception for what the
+// service or the network did (except a malformed answer outside 400-499).
+#include "core/function.hpp"
+#include "core/python.hpp"
+#include "members.hpp"
+#include "request_errors.hpp"
+
+namespace tallowmere {
+
+namespace {
+
+// ---- reading a status body ----------------------------------------------------------------
+
+constexpr auto coerce_status_metric_signature =
+    signature("_coerce_status_metric", Binding::module_function, nullptr, param("value"));
+
+Ref coerce_status_metric(const Module& m, Borrowed value) {
+    if (equals(value, Borrowed(m.n.Infinity))) return floating(Py_HUGE_VAL);
+    if (equals(value, Borrowed(m.n.minus_Infinity))) return floating(-Py_HUGE_VAL);
+    return Ref(value);
+}
+
+constexpr auto failure_reason_from_status_body_signature =
+    signature("_failure_reason_from_status_body", Binding::module_function, nullptr, param("body"));
+
+Ref failure_reason_from_status_body(const Module& m, Borrowed body) {
+    const Names& n = m.n;
+    Ref failure_reason = mapping_get(body, n.failure_reason);
+    Ref failure_detail = mapping_get(body, n.failure_detail);
+    Ref rejection_reason = str(mapping_get(body, n.rejection_reason));
+    bool tampering = truthy(call_method(rejection_reason, n.endswith, Borrowed(n.tampering_detected_suffix)));
+    if (tampering && is_dict(failure_detail) &&
+        equals(mapping_get(failure_detail, n.reason), Borrowed(n.stats_mismatch))) {
+        return Ref(Borrowed(n.stats_mismatch));
+    }
+    return failure_reason;
+}
+
+constexpr auto public_status_body_signature =
+    signature("_public_status_body", Binding::module_function, nullptr, param("body"));
+
+Ref public_status_body(const Module& m, Borrowed body) {
+    const Names& n = m.n;
+    if (!contains(body, Borrowed(n.correlation)) && !contains(body, Borrowed(n.is_weights_mi))) return Ref(body);
+    Ref public_body = new_dict();
+    Ref items = call_method(body, n.items);
+    Ref iterator = Ref::checked(PyObject_GetIter(items.get()));
+    while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
+        Ref key = get_item(item, integer(0));
+        if (equals(key, Borrowed(n.correlation)) || equals(key, Borrowed(n.is_weights_mi))) continue;
+        set_item(public_body, key, get_item(item, integer(1)));
+    }
+    if (PyErr_Occurred()) propagate();
+    return public_body;
+}
+
+// ---- StatusResult mappings --------------------------------------------------------------------
+
+constexpr auto status_result_from_body_signature =
+    signature("SignalServiceClient._status_result_from_body", Binding::static_method, nullptr, param("status_code"),
+              param("body"));
+
+Ref status_result_from_body(const Module& m, Borrowed status_code, Borrowed body) {
+    const Names& n = m.n;
+    Ref public_body = call_global(m, n._public_status_body, body);
+    Ref status = mapping_get(body, n.status);
+    Ref signal_pool_name = mapping_get(body, n.signal_pool_name);
+    Ref strategy_pool_name = mapping_get(body, n.strategy_pool_name);
+    Ref is_stats = mapping_get(body, n.is_stats);
+    Ref payment = mapping_get(body, n.payment);
+    Ref rejection_reason = mapping_get(body, n.rejection_reason);
+    Ref is_correlation = mapping_get(body, n.is_correlation);
+    Ref agent_is_correlation = mapping_get(body, n.agent_is_correlation);
+    Ref is_pnl_mi = call_global(m, n._coerce_status_metric, mapping_get(body, n.is_pnl_mi));
+    Ref agent_is_pnl_mi = call_global(m, n._coerce_status_metric, mapping_get(body, n.agent_is_pnl_mi));
+    Ref failure_reason = call_global(m, n._failure_reason_from_status_body, body);
+    Ref failure_detail = mapping_get(body, n.failure_detail);
+    Ref failure_message = mapping_get(body, n.failure_message);
+    return call_global_kw(m, n.StatusResult, {},
+                          {{n.status_code, status_code},
+                           {n.body, public_body},
+                           {n.status, status},
+                           {n.signal_pool_name, signal_pool_name},
+                           {n.strategy_pool_name, strategy_pool_name},
+                           {n.error, none()},
+                           {n.is_stats, is_stats},
+                           {n.payment, payment},
+                           {n.rejection_reason, rejection_reason},
+                           {n.is_correlation, is_correlation},
+                           {n.agent_is_correlation, agent_is_correlation},
+                           {n.is_pnl_mi, is_pnl_mi},
+                           {n.agent_is_pnl_mi, agent_is_pnl_mi},
+                           {n.failure_reason, failure_reason},
+                           {n.failure_detail, failure_detail},
+                           {n.failure_message, failure_message}});
+}
+
+// StatusResult of a failed request: no status, no pools.
+Ref failed_status_result(const Module& m, Borrowed status_code, Borrowed body, Borrowed error) {
+    const Names& n = m.n;
+    return call_global_kw(m, n.StatusResult, {},
+                          {{n.status_code, status_code},
+                           {n.body, body},
+                           {n.status, none()},
+                           {n.signal_pool_name, none()},
+                           {n.strategy_pool_name, none()},
+                           {n.error, error}});
+}
+
+constexpr auto status_result_from_rejection_signature = signature(
+    "SignalServiceClient._status_result_from_rejection", Binding::static_method, nullptr, param("exc"));
+
+Ref status_result_from_rejection(const Module& m, Borrowed exc) {
+    return failed_status_result(m, getattr(exc, m.n.status_code), getattr(exc, m.n.body), getattr(exc, m.n.reason));
+}
+
+constexpr auto status_result_from_response_error_signature =
+    signature("SignalServiceClient._status_result_from_response_error", Binding::class_method, nullptr,
+              param("cls"), param("exc"));
+
+Ref status_result_from_response_error(const Module& m, Borrowed cls, Borrowed exc) {
+    auto [error, body] = unpack_pair(call_method(cls, m.n._error_body_from_response_error, exc));
+    return failed_status_result(m, getattr(exc, m.n.status_code), body, error);
+}
+
+constexpr auto status_result_from_transport_error_signature = signature(
+    "SignalServiceClient._status_result_from_transport_error", Binding::static_method, nullptr, param("exc"));
+
+Ref status_result_from_transport_error(const Module& m, Borrowed exc) {
+    return failed_status_result(m, integer(0), none(), transport_error_text(m, exc));
+}
+
+// ---- get_signal_status -----------------------------------------------------------------------
+
+constexpr auto get_signal_status_signature =
+    signature("SignalServiceClient.get_signal_status", Binding::instance_method,
+              "Return the status of one submission as a StatusResult.\n\n"
+              "Transport failures (status_code 0), rejections and malformed 4xx answers\n"
+              "are reported in the result; a malformed answer with any other status raises\n"
+              "SignalClientResponseError.",
+              param("submission_id"));
+
+Ref get_signal_status(const Module& m, Borrowed self, Borrowed submission_id) {
+    const Names& n = m.n;
+    Ref encoded = call_global(m, n._percent_encode, submission_id);
+    Ref endpoint = Ref::checked(PyNumber_Add(n.signals_status_prefix, encoded.get()));
+    Ref status_code, resp_body;
+    Ref failure_result = request_or_mapped_failure(
+        m, self, {Borrowed(n.GET), endpoint}, status_code, resp_body, [&](const Caught& caught) -> Ref {
+            switch (classify_request_failure(m, caught)) {
+                case RequestFailure::transport:
+                    return call_method(self, n._status_result_from_transport_error, caught.exception());
+                case RequestFailure::rejected:
+                    return call_method(self, n._status_result_from_rejection, caught.exception());
+                case RequestFailure::unusable_response:
+                    if (!is_client_error_status(m, caught.exception())) caught.reraise();
+                    return call_method(self, n._status_result_from_response_error, caught.exception());
+            }
+            caught.reraise();
+        });
+    if (failure_result) return failure_result;
+    return call_method(self, n._status_result_from_body, status_code, resp_body);
+}
+
+// ---- listing --------------------------------------------------------------------------------
+
+constexpr auto submission_list_result_from_body_signature =
+    signature("SignalServiceClient._submission_list_result_from_body", Binding::static_method, nullptr,
+              param("status_code"), param("body"), keyword_only("error", none_default));
+
+Ref submission_list_result(const Module& m, Borrowed status_code, Borrowed body, Borrowed submissions,
+                           Borrowed error) {
+    const Names& n = m.n;
+    return call_global_kw(
+        m, n.SubmissionListResult, {},
+        {{n.status_code, status_code}, {n.body, body}, {n.submissions, submissions}, {n.error, error}});
+}
+
+Ref submission_list_result_from_body(const Module& m, Borrowed status_code, Borrowed body, Borrowed error) {
+    Ref submissions = is_dict(body) ? mapping_get(body, m.n.submissions) : Ref(none());
+    if (!is_list(submissions)) submissions = new_list();
+    return submission_list_result(m, status_code, body, submissions, error);
+}
+
+constexpr auto list_signal_submissions_signature = signature(
+    "SignalServiceClient.list_signal_submissions", Binding::instance_method,
+    "List the caller's submissions as a SubmissionListResult.\n\n"
+    "Filters are sent as query parameters in the order status, idempotency_key,\n"
+    "since, limit; a filter left as None is not sent.",
+    keyword_only("status", none_default), keyword_only("idempotency_key", none_default),
+    keyword_only("since", none_default),
+    keyword_only("limit", constant_default(&ModuleState::default_limit, "100")));
+
+Ref list_signal_submissions(const Module& m, Borrowed self, Borrowed status, Borrowed idempotency_key, Borrowed since,
+                            Borrowed limit) {
+    const Names& n = m.n;
+    Ref query = new_list();
+    auto add = [&](PyObject* name, Borrowed value) {
+        Ref pair = call_global(m, n._percent_encode, Borrowed(name));
+        Ref encoded_value = call_global(m, n._percent_encode, value);
+        list_append(query, concat({pair, text("="), encoded_value}));
+    };
+    if (!status.is_none()) add(n.status, str(status));
+    if (!idempotency_key.is_none()) add(n.idempotency_key, str(idempotency_key));
+    if (!since.is_none()) add(n.since, str(since));
+    if (!limit.is_none()) add(n.limit, str(to_int(limit)));
+
+    Ref endpoint = Ref(Borrowed(n.signals_submissions));
+    if (PyList_GET_SIZE(query.get()) > 0) {
+        Ref joined = Ref::checked(PyUnicode_Join(Ref(text("&")).get(), query.get()));
+        endpoint = concat({Borrowed(n.signals_submissions), text("?"), joined});
+    }
+
+    Ref status_code, resp_body;
+    Ref failure_result = request_or_mapped_failure(
+        m, self, {Borrowed(n.GET), endpoint}, status_code, resp_body, [&](const Caught& caught) -> Ref {
+            Borrowed exc = caught.exception();
+            switch (classify_request_failure(m, caught)) {
+                case RequestFailure::transport:
+                    return submission_list_result(m, integer(0), none(), new_list(), transport_error_text(m, exc));
+                case RequestFailure::rejected: {
+                    Ref body = getattr(exc, n.body);
+                    if (!truthy(body)) body = new_dict();
+                    return call_method_kw(self, n._submission_list_result_from_body,
+                                          {getattr(exc, n.status_code), body}, {{n.error, getattr(exc, n.reason)}});
+                }
+                case RequestFailure::unusable_response: {
+                    if (!is_client_error_status(m, exc)) caught.reraise();
+                    auto [error, body] = unpack_pair(call_method(self, n._error_body_from_response_error, exc));
+                    return submission_list_result(m, getattr(exc, n.status_code), body, new_list(), error);
+                }
+            }
+            caught.reraise();
+        });
+    if (failure_result) return failure_result;
+    return call_method(self, n._submission_list_result_from_body, status_code, resp_body);
+}
+
+// ---- polling --------------------------------------------------------------------------------
+
+constexpr auto poll_until_terminal_signature =
+    signature("SignalServiceClient.poll_until_terminal", Binding::instance_method,
+              "Query the status every 0.1 s until it is terminal, a transport failure\n"
+              "occurs, or `timeout` seconds have passed; return the last StatusResult.",
+              param("submission_id"), keyword_only("timeout"));
+
+Ref poll_until_terminal(const Module& m, Borrowed self, Borrowed submission_id, Borrowed timeout) {
+    const Names& n = m.n;
+    auto now = [&] { return call_method(m.global(n.time), n.monotonic); };
+    Ref deadline = Ref::checked(PyNumber_Add(now().get(), timeout.get()));
+    Ref last = call_method(self, n.get_signal_status, submission_id);
+    Ref zero = integer(0);
+    for (;;) {
+        if (equals(getattr(last, n.status_code), zero)) return last;
+        if (contains(m.global(n._TERMINAL_STATUSES), getattr(last, n.status))) return last;
+        Ref current = now();
+        if (compare(current, deadline, Py_GE)) return last;
+        Ref remaining = Ref::checked(PyNumber_Subtract(deadline.get(), current.get()));
+        Ref interval = m.global(n._POLL_INTERVAL_SECONDS);
+        Ref pause = compare(remaining, interval, Py_LT) ? remaining : interval;
+        if (compare(pause, zero, Py_LT)) pause = floating(0.0);
+        call_method(m.global(n.time), n.sleep, pause);
+        last = call_method(self, n.get_signal_status, submission_id);
+    }
+}
+
+}  // namespace
+
+namespace members {
+const Member coerce_status_metric = member<coerce_status_metric_signature, tallowmere::coerce_status_metric>();
+const Member failure_reason_from_status_body =
+    member<failure_reason_from_status_body_signature, tallowmere::failure_reason_from_status_body>();
+const Member public_status_body = member<public_status_body_signature, tallowmere::public_status_body>();
+namespace client {
+const Member status_result_from_body =
+    member<status_result_from_body_signature, tallowmere::status_result_from_body>();
+const Member status_result_from_rejection =
+    member<status_result_from_rejection_signature, tallowmere::status_result_from_rejection>();
+const Member status_result_from_response_error =
+    member<status_result_from_response_error_signature, tallowmere::status_result_from_response_error>();
+const Member status_result_from_transport_error =
+    member<status_result_from_transport_error_signature, tallowmere::status_result_from_transport_error>();
+const Member get_signal_status = member<get_signal_status_signature, tallowmere::get_signal_status>();
+const Member submission_list_result_from_body =
+    member<submission_list_result_from_body_signature, tallowmere::submission_list_result_from_body>();
+const Member list_signal_submissions =
+    member<list_signal_submissions_signature, tallowmere::list_signal_submissions>();
+const Member poll_until_terminal = member<poll_until_terminal_signature, tallowmere::poll_until_terminal>();
+}  // namespace client
+}  // namespace members
+
+}  // namespace tallowmere

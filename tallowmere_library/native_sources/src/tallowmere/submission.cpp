@@ -1,0 +1,274 @@
+// Single submissions: submit_signal (era catalog, contract, gates, body,
+// idempotency key, one POST, every outcome a SubmitResult) and submit_strategy
+// (validated names and manifest, one POST, errors raised), with the mappings
+// that turn each outcome into a SubmitResult.
+#include "core/function.hpp"
+#include "core/python.hpp"
+#include "members.hpp"
+#include "request_errors.hpp"
+
+namespace tallowmere {
+
+namespace {
+
+// ---- SubmitResult mappings --------------------------------------------------------------
+
+Ref submit_result(const Module& m, Borrowed status_code, Borrowed body, Borrowed submission_id,
+                  Borrowed signal_pool_name, Borrowed strategy_pool_name, Borrowed error) {
+    const Names& n = m.n;
+    return call_global_kw(m, n.SubmitResult, {},
+                          {{n.status_code, status_code},
+                           {n.body, body},
+                           {n.submission_id, submission_id},
+                           {n.signal_pool_name, signal_pool_name},
+                           {n.strategy_pool_name, strategy_pool_name},
+                           {n.error, error}});
+}
+
+constexpr auto submit_result_from_body_signature = signature(
+    "SignalServiceClient._submit_result_from_body", Binding::static_method, nullptr, param("status_code"), param("body"));
+
+Ref submit_result_from_body(const Module& m, Borrowed status_code, Borrowed body) {
+    const Names& n = m.n;
+    Ref submission_id = mapping_get(body, n.submission_id);
+    Ref signal_pool_name = mapping_get(body, n.signal_pool_name);
+    Ref strategy_pool_name = mapping_get(body, n.strategy_pool_name);
+    return submit_result(m, status_code, body, submission_id, signal_pool_name, strategy_pool_name, none());
+}
+
+constexpr auto submit_result_from_rejection_signature = signature(
+    "SignalServiceClient._submit_result_from_rejection", Binding::static_method, nullptr, param("exc"));
+
+Ref submit_result_from_rejection(const Module& m, Borrowed exc) {
+    const Names& n = m.n;
+    return submit_result(m, getattr(exc, n.status_code), getattr(exc, n.body), none(), none(), none(),
+                         getattr(exc, n.reason));
+}
+
+constexpr auto error_body_from_response_error_signature = signature(
+    "SignalServiceClient._error_body_from_response_error", Binding::static_method, nullptr, param("exc"));
+
+Ref error_body_from_response_error(const Module& m, Borrowed exc) {
+    const Names& n = m.n;
+    Ref raw_preview = getattr(exc, n.raw_body_preview);
+    Ref decoded = call_method_kw(raw_preview, n.decode, {Borrowed(n.utf_8)}, {{n.errors, Borrowed(n.replace)}});
+    Ref preview = call_method(decoded, n.strip);
+    Ref status_code = getattr(exc, n.status_code);
+    Ref error = truthy(preview) ? preview : concat({text("http_"), format(status_code)});
+    Ref body = new_dict();
+    set_item(body, Borrowed(n.error), error);
+    set_item(body, Borrowed(n.raw_body_preview), preview);
+    set_item(body, Borrowed(n.status_code), status_code);
+    return new_tuple({error, body});
+}
+
+constexpr auto submit_result_from_response_error_signature =
+    signature("SignalServiceClient._submit_result_from_response_error", Binding::class_method, nullptr,
+              param("cls"), param("exc"));
+
+Ref submit_result_from_response_error(const Module& m, Borrowed cls, Borrowed exc) {
+    auto [error, body] = unpack_pair(call_method(cls, m.n._error_body_from_response_error, exc));
+    return submit_result(m, getattr(exc, m.n.status_code), body, none(), none(), none(), error);
+}
+
+constexpr auto submit_result_from_transport_error_signature = signature(
+    "SignalServiceClient._submit_result_from_transport_error", Binding::static_method, nullptr, param("exc"));
+
+// The fixed line the transport-failure event reports as its origin.
+constexpr long transport_event_source_line = 933;
+
+Ref submit_result_from_transport_error(const Module& m, Borrowed exc) {
+    const Names& n = m.n;
+    Ref message = transport_error_text(m, exc);
+    Ref metadata = new_dict();
+    set_item(metadata, Borrowed(n.reason), Borrowed(n.transport_error));
+    set_item(metadata, Borrowed(n.error_type), type_name(m, exc));
+    call_global_kw(m, n.log_library_surface_event, {Borrowed(n.Submission), Borrowed(n.error)},
+                   {{n.sub_service, Borrowed(n.submit)},
+                    {n.component, Borrowed(n.transport)},
+                    {n.metadata, metadata},
+                    {n.source_function, Borrowed(n.source_function_name)},
+                    {n.source_file, Borrowed(n.source_file_path)},
+                    {n.source_line, integer(transport_event_source_line)}});
+    return submit_result(m, integer(0), none(), none(), none(), none(), message);
+}
+
+// ---- bodies -----------------------------------------------------------------------------
+
+// int(value) unless it is already exactly an int.
+Ref body_int(Borrowed value) { return to_int(value); }
+
+// The manifest market or era: the caller's value, else the effective one.
+Ref manifest_value(const Module& m, Borrowed given, Borrowed effective, PyObject* field_name) {
+    return call_global(m, m.n._validate_optional_manifest_int, given.is_none() ? effective : given,
+                       Borrowed(field_name));
+}
+
+// Sets "idempotency_key", derived from the body when the caller gave none.
+void attach_idempotency_key(const Module& m, Borrowed self, Borrowed body, Borrowed idempotency_key) {
+    Ref key = idempotency_key.is_none() ? call_method(self, m.n._idempotency_key_for_body, body) : Ref(idempotency_key);
+    set_item(body, Borrowed(m.n.idempotency_key), str(key));
+}
+
+// ---- submit_signal ----------------------------------------------------------------------
+
+constexpr auto submit_signal_signature = signature(
+    "SignalServiceClient.submit_signal", Binding::instance_method,
+    "Validate a signal against the active era and submit it to signals/submit.\n\n"
+    "Contract, era and gate violations raise ValueError before anything is sent.\n"
+    "Once the request is attempted, every outcome is a SubmitResult: accepted\n"
+    "(error None), rejected by the service, a malformed 4xx/502/503/504 answer,\n"
+    "or a transport failure (status_code 0).",
+    param("graph"), param("named_universe", none_default), keyword_only("signal_pool_name"),
+    keyword_only("is_stats"), keyword_only("is_pnl_mi"), keyword_only("metaparameters", none_default),
+    keyword_only("expression_elapsed_seconds"), keyword_only("search_state", none_default),
+    keyword_only("idempotency_key", none_default), keyword_only("threshold_checks", none_default),
+    keyword_only("thresholds", none_default), keyword_only("client_manifest_version", none_default),
+    keyword_only("market_id", none_default), keyword_only("era_number", none_default),
+    keyword_only("client_manifest_market_id", none_default), keyword_only("client_manifest_era_number", none_default));
+
+Ref submit_signal(const Module& m, Borrowed self, Borrowed graph, Borrowed named_universe_arg,
+                  Borrowed signal_pool_name, Borrowed is_stats, Borrowed is_pnl_mi, Borrowed metaparameters,
+                  Borrowed expression_elapsed_seconds, Borrowed search_state, Borrowed idempotency_key,
+                  Borrowed threshold_checks, Borrowed caller_thresholds, Borrowed client_manifest_version,
+                  Borrowed market_id_arg, Borrowed era_number_arg, Borrowed client_manifest_market_id,
+                  Borrowed client_manifest_era_number) {
+    const Names& n = m.n;
+    call_global_kw(m, n._reject_caller_threshold_authority, {},
+                   {{n.threshold_checks, threshold_checks}, {n.thresholds, caller_thresholds}});
+    Ref named_universe = call_global(m, n._validate_named_universe, named_universe_arg);
+    call_global(m, n._validate_selected_pool_name, signal_pool_name, Borrowed(n.signal_pool_name));
+    call_method(m.global(n._backtest_timing), n.require_recorded_backtest_timing, graph);
+    Ref thresholds = call_method_kw(self, n._resolve_submit_thresholds, {named_universe, signal_pool_name},
+                                    {{n.market_id, market_id_arg}, {n.era_number, era_number_arg}});
+    Ref catalog = call_method(self, n._fetch_era_catalog);
+    Ref submit_era = call_global_kw(m, n._required_active_submit_era, {catalog},
+                                    {{n.market_id, market_id_arg}, {n.era_number, era_number_arg}});
+
+    Ref market_id(market_id_arg), era_number(era_number_arg);
+    if (market_id.is_none()) market_id = call_global(m, n._required_positive_era_int, submit_era, Borrowed(n.market_id));
+    if (era_number.is_none()) {
+        era_number = call_global(m, n._required_positive_era_int, submit_era, Borrowed(n.era_number));
+    }
+
+    call_method_kw(self, n._validate_submission_contract,
+                   {signal_pool_name, is_stats, is_pnl_mi, expression_elapsed_seconds},
+                   {{n.thresholds, thresholds},
+                    {n.client_manifest_version, client_manifest_version},
+                    {n.client_manifest_market_id, client_manifest_market_id},
+                    {n.client_manifest_era_number, client_manifest_era_number}});
+    Ref complexity = call_global(m, n._enforce_graph_complexity_for_submit, graph, submit_era);
+    call_global(m, n._enforce_recorded_backtest_timing_for_submit, graph, submit_era);
+    Ref is_stats_payload = call_global(m, n._submission_is_stats_payload, is_stats);
+
+    Ref body = new_dict();
+    set_item(body, Borrowed(n.graph), graph);
+    set_item(body, Borrowed(n.named_universe), named_universe);
+    set_item(body, Borrowed(n.signal_pool_name), signal_pool_name);
+    set_item(body, Borrowed(n.graph_depth), getattr(complexity, n.depth));
+    set_item(body, Borrowed(n.graph_node_count), getattr(complexity, n.node_count));
+    set_item(body, Borrowed(n.is_stats), is_stats_payload);
+    set_item(body, Borrowed(n.is_pnl_mi), call_global(m, n._mi_contract_json_value, is_pnl_mi));
+    set_item(body, Borrowed(n.expression_elapsed_seconds), expression_elapsed_seconds);
+    set_item(body, Borrowed(n.market_id), body_int(market_id));
+    set_item(body, Borrowed(n.era_number), body_int(era_number));
+
+    if (!client_manifest_version.is_none()) {
+        set_item(body, Borrowed(n.client_manifest_version),
+                 call_global(m, n._validate_optional_manifest_int, client_manifest_version,
+                             Borrowed(n.client_manifest_version)));
+    }
+    set_item(body, Borrowed(n.client_manifest_market_id),
+             manifest_value(m, client_manifest_market_id, market_id, n.client_manifest_market_id));
+    set_item(body, Borrowed(n.client_manifest_era_number),
+             manifest_value(m, client_manifest_era_number, era_number, n.client_manifest_era_number));
+
+    if (!metaparameters.is_none()) set_item(body, Borrowed(n.metaparameters), metaparameters);
+    if (!search_state.is_none()) set_item(body, Borrowed(n.search_state), search_state);
+    Ref projection = call_global(m, n._simulation_data_contract_projection_from_era, submit_era);
+    if (!projection.is_none()) set_item(body, Borrowed(n.simulation_data_contract_projection), projection);
+    attach_idempotency_key(m, self, body, idempotency_key);
+
+    Ref status_code, resp_body;
+    Ref failure_result = request_or_mapped_failure(
+        m, self, {Borrowed(n.POST), Borrowed(n.signals_submit), body}, status_code, resp_body,
+        [&](const Caught& caught) -> Ref {
+            Borrowed exc = caught.exception();
+            switch (classify_request_failure(m, caught)) {
+                case RequestFailure::transport:
+                    return call_method(self, n._submit_result_from_transport_error, exc);
+                case RequestFailure::rejected:
+                    return call_method(self, n._submit_result_from_rejection, exc);
+                case RequestFailure::unusable_response: {
+                    Ref code = getattr(exc, n.status_code);
+                    bool gateway = false;
+                    for (long status : {502L, 503L, 504L}) gateway = gateway || equals(code, integer(status));
+                    if (!is_client_error_status(m, exc) && !gateway) caught.reraise();
+                    return call_method(self, n._submit_result_from_response_error, exc);
+                }
+            }
+            caught.reraise();
+        });
+    if (failure_result) return failure_result;
+    return call_method(self, n._submit_result_from_body, status_code, resp_body);
+}
+
+// ---- submit_strategy --------------------------------------------------------------------
+
+constexpr auto submit_strategy_signature = signature(
+    "SignalServiceClient.submit_strategy", Binding::instance_method,
+    "Submit a strategy to strategies/submit and return its SubmitResult.\n\n"
+    "Unlike submit_signal, every error of the request path is raised.",
+    param("graph"), param("named_universe", none_default), keyword_only("strategy_pool_name"),
+    keyword_only("market_id"), keyword_only("era_number"), keyword_only("metaparameters", none_default),
+    keyword_only("idempotency_key", none_default), keyword_only("client_manifest_version", none_default),
+    keyword_only("client_manifest_market_id", none_default), keyword_only("client_manifest_era_number", none_default));
+
+Ref submit_strategy(const Module& m, Borrowed self, Borrowed graph, Borrowed named_universe_arg,
+                    Borrowed strategy_pool_name, Borrowed market_id, Borrowed era_number, Borrowed metaparameters,
+                    Borrowed idempotency_key, Borrowed client_manifest_version, Borrowed client_manifest_market_id,
+                    Borrowed client_manifest_era_number) {
+    const Names& n = m.n;
+    Ref named_universe = call_global(m, n._validate_named_universe, named_universe_arg);
+    call_global(m, n._validate_selected_pool_name, strategy_pool_name, Borrowed(n.strategy_pool_name));
+
+    Ref body = new_dict();
+    set_item(body, Borrowed(n.graph), graph);
+    set_item(body, Borrowed(n.named_universe), named_universe);
+    set_item(body, Borrowed(n.strategy_pool_name), strategy_pool_name);
+    set_item(body, Borrowed(n.market_id), body_int(market_id));
+    set_item(body, Borrowed(n.era_number), body_int(era_number));
+    set_item(body, Borrowed(n.client_manifest_market_id),
+             manifest_value(m, client_manifest_market_id, market_id, n.client_manifest_market_id));
+    set_item(body, Borrowed(n.client_manifest_era_number),
+             manifest_value(m, client_manifest_era_number, era_number, n.client_manifest_era_number));
+    if (!client_manifest_version.is_none()) {
+        set_item(body, Borrowed(n.client_manifest_version),
+                 call_global(m, n._validate_optional_manifest_int, client_manifest_version,
+                             Borrowed(n.client_manifest_version)));
+    }
+    if (!metaparameters.is_none()) set_item(body, Borrowed(n.metaparameters), metaparameters);
+    attach_idempotency_key(m, self, body, idempotency_key);
+
+    auto [status_code, resp_body] =
+        unpack_pair(call_method(self, n._canonical_request, Borrowed(n.POST), Borrowed(n.strategies_submit), body));
+    return call_method(self, n._submit_result_from_body, status_code, resp_body);
+}
+
+}  // namespace
+
+namespace members::client {
+const Member submit_result_from_body = member<submit_result_from_body_signature, tallowmere::submit_result_from_body>();
+const Member submit_result_from_rejection =
+    member<submit_result_from_rejection_signature, tallowmere::submit_result_from_rejection>();
+const Member error_body_from_response_error =
+    member<error_body_from_response_error_signature, tallowmere::error_body_from_response_error>();
+const Member submit_result_from_response_error =
+    member<submit_result_from_response_error_signature, tallowmere::submit_result_from_response_error>();
+const Member submit_result_from_transport_error =
+    member<submit_result_from_transport_error_signature, tallowmere::submit_result_from_transport_error>();
+const Member submit_signal = member<submit_signal_signature, tallowmere::submit_signal>();
+const Member submit_strategy = member<submit_strategy_signature, tallowmere::submit_strategy>();
+}  // namespace members::client
+
+}  // namespace tallowmere

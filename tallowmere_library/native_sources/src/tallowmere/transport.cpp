@@ -1,0 +1,199 @@
+// The request path every call of the client takes: URL building, the
+// authenticated JSON request through a transport callback, and the decoding
+// of the answer into a JSON object (or an error that says why not).
+#include "core/function.hpp"
+#include "core/python.hpp"
+#include "members.hpp"
+
+namespace tallowmere {
+
+namespace {
+
+// ---- _percent_encode ----------------------------------------------------------------
+
+constexpr auto percent_encode_signature =
+    signature("_percent_encode", Binding::module_function,
+              "Percent-encode every byte except RFC 3986 unreserved characters.", param("value"));
+
+constexpr char hex_digits[] = "0123456789ABCDEF";
+
+Ref percent_encode(const Module& m, Borrowed value) {
+    // value.encode("utf-8")
+    Ref encoded = PyUnicode_CheckExact(value.get())
+                      ? Ref::checked(PyUnicode_AsUTF8String(value.get()))
+                      : call_method(value, m.n.encode, Borrowed(m.n.utf_8));
+    if (!PyBytes_Check(encoded.get())) {
+        PyErr_Format(PyExc_TypeError, "encode() returned %.100s, not bytes", Py_TYPE(encoded.get())->tp_name);
+        propagate();
+    }
+    const auto* bytes = reinterpret_cast<const unsigned char*>(PyBytes_AS_STRING(encoded.get()));
+    Py_ssize_t size = PyBytes_GET_SIZE(encoded.get());
+
+    // Membership is decided by the module's _UNRESERVED_BYTES as it is now; the
+    // table answers for the frozenset the module was loaded with.
+    Ref unreserved = m.global(m.n._UNRESERVED_BYTES);
+    bool table_applies = unreserved.is(Borrowed(m.state().unreserved_bytes));
+    std::array<bool, 256> keep = m.state().unreserved_table;
+    if (!table_applies) {
+        std::array<bool, 256> asked{};
+        for (Py_ssize_t i = 0; i < size; ++i) {
+            unsigned char byte = bytes[i];
+            if (asked[byte]) continue;
+            asked[byte] = true;
+            keep[byte] = contains(unreserved, integer(byte));
+        }
+    }
+
+    Py_ssize_t out_size = 0;
+    for (Py_ssize_t i = 0; i < size; ++i) out_size += keep[bytes[i]] ? 1 : 3;
+    Ref result = Ref::checked(PyUnicode_New(out_size, 127));
+    auto* out = static_cast<Py_UCS1*>(PyUnicode_DATA(result.get()));
+    for (Py_ssize_t i = 0; i < size; ++i) {
+        unsigned char byte = bytes[i];
+        if (keep[byte]) {
+            *out++ = byte;
+        } else {
+            *out++ = '%';
+            *out++ = hex_digits[byte >> 4];
+            *out++ = hex_digits[byte & 0x0F];
+        }
+    }
+    return result;
+}
+
+// ---- _join_url ---------------------------------------------------------------------
+
+constexpr auto join_url_signature =
+    signature("_join_url", Binding::module_function, nullptr, param("server_url"), param("endpoint"));
+
+Ref join_url(const Module& m, Borrowed server_url, Borrowed endpoint) {
+    // server_url.rstrip("/") + "/" + endpoint.lstrip("/")
+    Borrowed slash(m.n.slash);
+    Ref base = call_method(server_url, m.n.rstrip, slash);
+    Ref route = call_method(endpoint, m.n.lstrip, slash);
+    Ref joined = Ref::checked(PyNumber_Add(base.get(), slash.get()));
+    return Ref::checked(PyNumber_Add(joined.get(), route.get()));
+}
+
+// ---- _parse_response_json --------------------------------------------------------------
+
+constexpr auto parse_response_json_signature =
+    signature("_parse_response_json", Binding::module_function, nullptr, param("status_code"),
+              param("response_body_bytes"), param("url"), keyword_only("operation"));
+
+// Logs the warning that precedes every SignalClientResponseError of decoding.
+void log_unusable_response(const Module& m, const char* message, Borrowed status_code, Borrowed body,
+                           Borrowed url, Borrowed operation) {
+    const Names& n = m.n;
+    Ref preview = slice_to(body, m.global(n._MALFORMED_BODY_PREVIEW_BYTES));
+    Ref extra = new_dict();
+    set_item(extra, Borrowed(n.status_code), status_code);
+    set_item(extra, Borrowed(n.url), url);
+    set_item(extra, Borrowed(n.operation), operation);
+    set_item(extra, Borrowed(n.raw_body_preview), preview);
+    Ref logger = m.global(n.logger);
+    call_method_kw(logger, n.warning, {text(message), url, status_code, operation, preview}, {{n.extra, extra}});
+}
+
+Ref response_error(const Module& m, const char* prefix, Borrowed status_code, Borrowed body, Borrowed url,
+                   Borrowed operation) {
+    Ref message = concat({text(prefix), format(url), text(" for "), format(operation)});
+    return call_global_kw(m, m.n.SignalClientResponseError, {message},
+                          {{m.n.status_code, status_code}, {m.n.url, url}, {m.n.raw_body, body}});
+}
+
+Ref parse_response_json(const Module& m, Borrowed status_code, Borrowed response_body_bytes, Borrowed url,
+                        Borrowed operation) {
+    const Names& n = m.n;
+    Ref data = try_except(
+        [&] {
+            Ref json = m.global(n.json);
+            return call_method(json, n.loads, response_body_bytes);
+        },
+        [&](const Caught& caught) -> Ref {
+            Ref json = m.global(n.json);
+            Ref decode_errors = new_tuple({getattr(json, n.JSONDecodeError), Borrowed(PyExc_UnicodeDecodeError),
+                                           Borrowed(PyExc_ValueError)});
+            if (!caught.matches(decode_errors)) caught.reraise();
+            log_unusable_response(m, "Malformed JSON response from %s status=%s operation=%s raw_body=%r",
+                                  status_code, response_body_bytes, url, operation);
+            Ref error =
+                response_error(m, "Malformed JSON response from ", status_code, response_body_bytes, url, operation);
+            PyException_SetCause(error.get(), Ref(caught.exception()).release());
+            raise_instance(error);
+        });
+    if (!is_dict(data)) {
+        log_unusable_response(m, "Non-object JSON response from %s status=%s operation=%s raw_body=%r", status_code,
+                              response_body_bytes, url, operation);
+        raise_instance(
+            response_error(m, "Non-object JSON response from ", status_code, response_body_bytes, url, operation));
+    }
+    return data;
+}
+
+// ---- _request_json ------------------------------------------------------------------------
+
+constexpr auto request_json_signature = signature(
+    "_request_json", Binding::module_function,
+    "Run an authenticated JSON request through the supplied transport.\n\n"
+    " The transport callback receives ``(method, url, headers, body)`` and returns\n"
+    " ``(status_code, response_body_bytes)``. With a transmission observer, body\n"
+    " is a supported readable/iterable stream that observes its first non-empty\n"
+    " read. SignalServiceClient passes that stream to httpx via ``content=``.\n",
+    param("method"), param("endpoint"), param("get_token"), param("server_url"), param("body"),
+    param("request_func"), param("transmission_observer", none_default));
+
+Ref request_json(const Module& m, Borrowed method, Borrowed endpoint, Borrowed get_token, Borrowed server_url,
+                 Borrowed body, Borrowed request_func, Borrowed transmission_observer) {
+    const Names& n = m.n;
+    Ref url = call_global(m, n._join_url, server_url, endpoint);
+    call_global(m, n.validate_bearer_transport_url, url);
+    Ref token = call(get_token);
+
+    Ref headers = new_dict();
+    set_item(headers, Borrowed(n.Authorization), concat({text("Bearer "), str(token)}));
+
+    Ref body_bytes = Ref(none());
+    if (!body.is_none()) {
+        set_item(headers, Borrowed(n.Content_Type), Borrowed(n.application_json));
+        Ref idempotency_key = is_dict(body) ? mapping_get(body, n.idempotency_key) : Ref(none());
+        if (truthy(idempotency_key)) set_item(headers, Borrowed(n.Idempotency_Key), str(idempotency_key));
+        Ref serialised = call_method(m.global(n.json), n.dumps, body);
+        body_bytes = call_method(serialised, n.encode, Borrowed(n.utf_8));
+    }
+
+    Ref request_body = body_bytes;
+    Ref observed_body = Ref(none());
+    if (!transmission_observer.is_none() && !body_bytes.is_none()) {
+        observed_body =
+            call_global(m, n._TransmissionObservedBody, body_bytes, transmission_observer, method, url, headers);
+        request_body = observed_body;
+    }
+
+    auto [status_code, resp_body] = unpack_pair(call(request_func, method, url, headers, request_body));
+
+    if (!observed_body.is_none() && !truthy(getattr(observed_body, n.consumed))) {
+        raise(PyExc_RuntimeError,
+              "transport returned without consuming the request body; transmission observer could not be honored");
+    }
+
+    Ref resp_data = call_global_kw(m, n._parse_response_json, {status_code, resp_body, url},
+                                   {{n.operation, endpoint}});
+
+    Ref low = integer(200), high = integer(300);
+    if (!(compare(low, status_code, Py_LE) && compare(status_code, high, Py_LT))) {
+        call_global(m, n._raise_submission_rejected, status_code, resp_data);
+    }
+    return new_tuple({status_code, resp_data});
+}
+
+}  // namespace
+
+namespace members {
+const Member percent_encode = member<percent_encode_signature, tallowmere::percent_encode>();
+const Member join_url = member<join_url_signature, tallowmere::join_url>();
+const Member parse_response_json = member<parse_response_json_signature, tallowmere::parse_response_json>();
+const Member request_json = member<request_json_signature, tallowmere::request_json>();
+}  // namespace members
+
+}  // namespace tallowmere
