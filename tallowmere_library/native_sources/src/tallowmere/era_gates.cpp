@@ -224,6 +224,9 @@ bool usable_catalog(const Module& m, Borrowed catalog) {
     return false;
 }
 
+constexpr const char invalid_catalog_message[] =
+    "thresholds are required for submit_signal; /eras returned invalid payload";
+
 Ref monotonic_now(const Module& m) { return call_method(m.global(m.n.time), m.n.monotonic); }
 
 Ref fetch_era_catalog(const Module& m, Borrowed self) {
@@ -246,15 +249,20 @@ Ref fetch_era_catalog(const Module& m, Borrowed self) {
             return get_item(answer, integer(1));
         },
         [&](const Caught& caught) -> Ref {
+            // An answer that arrived but is not a JSON object is an invalid
+            // payload; no answer, or a refusal, means the catalog could not be fetched.
+            if (caught.matches(m.global(n.SignalClientResponseError))) {
+                raise_from(PyExc_ValueError, invalid_catalog_message, caught.exception());
+            }
             Ref request_errors = new_tuple({Borrowed(PyExc_ConnectionError),
                                             getattr(m.global(n.httpx), n.TransportError),
-                                            m.global(n.SubmissionRejectedError), m.global(n.SignalClientResponseError)});
+                                            m.global(n.SubmissionRejectedError)});
             if (!caught.matches(request_errors)) caught.reraise();
             raise_from(PyExc_ValueError, "thresholds are required for submit_signal; could not fetch /eras",
                        caught.exception());
         });
     if (!usable_catalog(m, catalog)) {
-        raise_value_error("thresholds are required for submit_signal; /eras returned invalid payload");
+        raise_value_error(invalid_catalog_message);
     }
     setattr(self, n._era_catalog_cache, catalog);
     setattr(self, n._era_catalog_cache_stamp, new_tuple({catalog, monotonic_now(m)}));
