@@ -55,4 +55,33 @@ demo: install
 	$(VPY) -m tallowmere demo
 
 clean:
-	rm -rf build dist $(VENV) .pytest_cache
+	rm -rf build dist $(VENV) $(ASAN_VENV) .pytest_cache
+
+# ---- memory safety -----------------------------------------------------------
+# The extension built with AddressSanitizer and UndefinedBehaviorSanitizer in a
+# virtual environment of its own, then the client's tests (the leak-repeat test
+# among them) with Python's allocator switched to malloc so that the sanitizer
+# sees every object. Any report fails the run.
+ASAN_VENV := .venv-asan
+# The C++ runtime is preloaded too: the sanitizer intercepts C++ exceptions only
+# when libstdc++ is present before the extension is loaded.
+ASAN_RUNTIME = $(shell $${CXX:-g++} -print-file-name=libasan.so) $(shell $${CXX:-g++} -print-file-name=libstdc++.so)
+
+$(ASAN_VENV)/.installed: $(NATIVE_INPUTS) $(PYTHON_SOURCES) $(VENV)/.deps
+	@test -d $(ASAN_VENV) || (py=$$(PYTHON="$(PYTHON)" tools/find-python.sh) && "$$py" -m venv $(ASAN_VENV))
+	$(ASAN_VENV)/bin/python -m pip install --quiet --upgrade "pip>=24" $(BUILD_TOOLS)
+	$(VPY) tools/project_requirements.py test service | $(ASAN_VENV)/bin/python -m pip install --quiet -r /dev/stdin
+	$(ASAN_VENV)/bin/python -m pip install --quiet --no-build-isolation --no-deps --force-reinstall \
+		-Cbuild-dir=build/asan -Ccmake.build-type=Debug -Ccmake.define.TALLOWMERE_SANITIZE=address .
+	@touch $@
+
+SANITIZER_REPORTS := build/asan/reports
+
+check-memory: $(ASAN_VENV)/.installed
+	@rm -rf $(SANITIZER_REPORTS) && mkdir -p $(SANITIZER_REPORTS)
+	@LD_PRELOAD="$(ASAN_RUNTIME)" PYTHONMALLOC=malloc \
+	ASAN_OPTIONS=detect_leaks=0:halt_on_error=1:log_path=$(CURDIR)/$(SANITIZER_REPORTS)/asan \
+	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:log_path=$(CURDIR)/$(SANITIZER_REPORTS)/ubsan \
+		$(ASAN_VENV)/bin/python -m pytest -p no:cacheprovider -q tests/test_submit_*.py; status=$$?; \
+	if [ -n "$$(ls $(SANITIZER_REPORTS))" ]; then cat $(SANITIZER_REPORTS)/*; echo "sanitizer reports above"; exit 1; fi; \
+	exit $$status

@@ -1,0 +1,132 @@
+"""Leak-repeat checks: every operation of the client, on its success and failure
+paths, repeated many times with the number of live allocations staying flat."""
+
+from __future__ import annotations
+
+import gc
+import logging
+import sys
+from collections.abc import Callable, Iterator
+from typing import Any
+
+import httpx
+import pytest
+
+import tallowmere.submit as submit
+from tallowmere.submit import SignalServiceClient
+
+from submit_support import ERA_CATALOG, FakeResponse, json_answer, recorded_graph, signal_kwargs
+
+REPEAT = 1000
+# Allowed growth in allocated blocks over REPEAT calls: enough for caches that
+# settle (interned strings, type caches), far below one block per call.
+TOLERANCE = REPEAT // 5
+
+
+class StaticTransport:
+    """Answers each path with a fixed answer (or raises it) and records nothing."""
+
+    def __init__(self, answers: dict[str, Any]) -> None:
+        self.answers = {"/eras": json_answer(200, ERA_CATALOG), **answers}
+
+    def _answer(self, path: str, content: Any) -> Any:
+        if content is not None and not isinstance(content, bytes):
+            while content.read(65536):
+                pass
+        answer = self.answers[path.split("?")[0]]
+        if isinstance(answer, BaseException):
+            # A fresh exception each time: re-raising one object grows its traceback.
+            raise type(answer)(*answer.args)
+        return answer
+
+    def get(self, path: str, *, headers: dict[str, str]) -> Any:
+        return self._answer(path, None)
+
+    def post(self, path: str, *, content: Any, headers: dict[str, str]) -> Any:
+        return self._answer(path, content)
+
+
+@pytest.fixture(autouse=True)
+def quiet_logs() -> Iterator[None]:
+    loggers = [logging.getLogger(name) for name in ("tallowmere.submit", "tallowmere.telemetry")]
+    levels = [logger.level for logger in loggers]
+    for logger in loggers:
+        logger.setLevel(logging.CRITICAL)
+    yield
+    for logger, level in zip(loggers, levels):
+        logger.setLevel(level)
+
+
+def growth(operation: Callable[[], Any]) -> int:
+    for _ in range(50):
+        operation()
+    gc.collect()
+    before = sys.getallocatedblocks()
+    for _ in range(REPEAT):
+        operation()
+    gc.collect()
+    return sys.getallocatedblocks() - before
+
+
+def client_for(**answers: Any) -> SignalServiceClient:
+    return SignalServiceClient("http://127.0.0.1:9", "token", transport=StaticTransport(answers),
+                               transmission_observer=lambda *a: None)  # fmt: skip
+
+
+GRAPH = recorded_graph("vwap", window=99)
+ITEMS = [{"graph": GRAPH, "named_universe": "top300", **signal_kwargs()} for _ in range(3)]
+BATCH_ANSWER = json_answer(207, {"results": [{"index": 0, "status_code": 202, "body": {"submission_id": "a"}},
+                                             {"index": 1, "status_code": 409, "body": {"reason": "dup"}}]})  # fmt: skip
+
+
+def expect(error: type[BaseException], call: Callable[[], Any]) -> Callable[[], None]:
+    def run() -> None:
+        try:
+            call()
+        except error:
+            return
+        raise AssertionError("expected " + error.__name__)
+
+    return run
+
+
+OPERATIONS: dict[str, Callable[[], Any]] = {
+    "submit accepted": lambda: client_for(**{"/signals/submit": json_answer(202, {"submission_id": "s"})})
+    .submit_signal(GRAPH, "top300", **signal_kwargs()),
+    "submit transport failure": lambda: client_for(**{"/signals/submit": httpx.ConnectError("down")})
+    .submit_signal(GRAPH, "top300", **signal_kwargs()),
+    "submit rejected": lambda: client_for(**{"/signals/submit": json_answer(409, {"reason": "dup"})})
+    .submit_signal(GRAPH, "top300", **signal_kwargs()),
+    "submit malformed 503": lambda: client_for(**{"/signals/submit": FakeResponse(503, b"<html>")})
+    .submit_signal(GRAPH, "top300", **signal_kwargs()),
+    "submit malformed 500 raises": expect(submit.SignalClientResponseError, lambda: client_for(
+        **{"/signals/submit": FakeResponse(500, b"")}).submit_signal(GRAPH, "top300", **signal_kwargs())),
+    "submit refused locally": expect(ValueError, lambda: client_for().submit_signal(
+        GRAPH, "top300", **signal_kwargs(expression_elapsed_seconds=1))),
+    "submit bad arguments": expect(TypeError, lambda: client_for().submit_signal(GRAPH, unknown=1)),
+    "strategy": lambda: client_for(**{"/strategies/submit": json_answer(202, {"submission_id": "t"})})
+    .submit_strategy(GRAPH, "top300", strategy_pool_name="p", market_id=1, era_number=3),
+    "batch": lambda: client_for(**{"/signals/batch": BATCH_ANSWER}).submit_signals_batch(ITEMS),
+    "batch transport failure": lambda: client_for(**{"/signals/batch": httpx.ReadTimeout("")})
+    .submit_signals_batch(ITEMS),
+    "status": lambda: client_for(**{"/signals/status/s%2F1": json_answer(200, {"status": "signal_found",
+                                                                              "correlation": 1})})
+    .get_signal_status("s/1"),
+    "poll": lambda: client_for(**{"/signals/status/s": json_answer(200, {"status": "signal_useful"})})
+    .poll_until_terminal("s", timeout=1.0),
+    "listing rejected": lambda: client_for(**{"/signals/submissions": json_answer(403, {"error": "no"})})
+    .list_signal_submissions(status="x", since="y"),
+    "records and errors": lambda: (submit.SubmissionStatus("s", "x", {}, None, None),
+                                   submit.SignalClientResponseError("m", status_code=1, url="u", raw_body=b"x" * 900),
+                                   expect(submit.SubmissionRejectedError,
+                                          lambda: submit._raise_submission_rejected(422, {}))()),
+    "era lookup": lambda: submit._active_era_from_catalog(ERA_CATALOG, market_id="1", era_number="x"),
+    "percent encoding": lambda: submit._percent_encode("a/b c é" * 10),
+}  # fmt: skip
+
+
+@pytest.mark.parametrize("name", list(OPERATIONS))
+def test_operations_do_not_leak(name: str) -> None:
+    # A leak grows by at least REPEAT blocks in every round; caches that are
+    # still settling grow in the first round only.
+    assert min(growth(OPERATIONS[name]) for _ in range(3)) < TOLERANCE
