@@ -1,0 +1,88 @@
+"""The statistics of a simulated signal over one period (in-sample or out-of-sample).
+
+For a period of ``n`` days with daily PnL ``p`` and weights ``w`` formed on
+those days (``w_prev`` the weights of the day before the period, zero before
+the first day):
+
+- ``sharpe``: ``mean(p) / std(p, ddof=1) * sqrt(252)``; 0.0 when the PnL
+  does not vary (a flat or degenerate signal);
+- ``turnover``: mean over days of ``sum_i |w[t, i] - w[t-1, i]| / 2``, the
+  share of a unit book traded per day;
+- ``delta_exposure``: mean over days of ``|sum_i w[t, i]|``, the net exposure;
+- ``max_weight``: the largest ``|w[t, i]|``;
+- ``abs_weight_sum_mean``: mean over days of ``sum_i |w[t, i]|``, the gross exposure;
+- ``correlation``: the largest absolute Pearson correlation of ``p`` with
+  any reference PnL over the same days; 0.0 without references.
+
+Every value is a finite ``float``; an empty period gives zeros.
+"""
+
+from __future__ import annotations
+
+import math
+from collections.abc import Sequence
+
+import numpy as np
+
+from tallowmere.simulation.dependence import pearson_correlation
+from tallowmere.simulation.market_panel import FloatArray
+
+__all__ = ["ANNUALISATION_DAYS", "STATISTIC_NAMES", "annualised_sharpe", "period_statistics"]
+
+ANNUALISATION_DAYS = 252
+"""Trading days in a year, used to annualise the Sharpe ratio."""
+
+STATISTIC_NAMES: tuple[str, ...] = (
+    "sharpe",
+    "turnover",
+    "delta_exposure",
+    "max_weight",
+    "abs_weight_sum_mean",
+    "correlation",
+)
+
+# A PnL whose standard deviation is below this share of its mean is flat:
+# its Sharpe ratio would only measure rounding.
+_FLAT_PNL_TOLERANCE = 1e-9
+
+
+def annualised_sharpe(pnl: FloatArray) -> float:
+    """Annualised Sharpe ratio of a daily PnL series; 0.0 when it does not vary."""
+    if pnl.size < 2:
+        return 0.0
+    mean = float(pnl.mean())
+    deviation = float(pnl.std(ddof=1))
+    if not math.isfinite(deviation) or deviation <= _FLAT_PNL_TOLERANCE * abs(mean) or deviation == 0.0:
+        return 0.0
+    return mean / deviation * math.sqrt(ANNUALISATION_DAYS)
+
+
+def _finite(value: float) -> float:
+    return value if math.isfinite(value) else 0.0
+
+
+def period_statistics(
+    pnl: FloatArray,
+    weights: FloatArray,
+    previous_weights: FloatArray,
+    references: Sequence[FloatArray],
+) -> dict[str, float]:
+    """Compute the statistics of one period.
+
+    ``pnl`` holds the PnL earned on the period's days, ``weights`` the
+    weights formed on them (days × assets), ``previous_weights`` the weights
+    of the day before the period, and ``references`` other PnL series over
+    the same days as ``pnl``.
+    """
+    if weights.shape[0] == 0:
+        return dict.fromkeys(STATISTIC_NAMES, 0.0)
+    changes = np.diff(weights, axis=0, prepend=previous_weights[np.newaxis, :])
+    statistics = {
+        "sharpe": annualised_sharpe(pnl),
+        "turnover": float(np.abs(changes).sum(axis=1).mean() / 2.0),
+        "delta_exposure": float(np.abs(weights.sum(axis=1)).mean()),
+        "max_weight": float(np.abs(weights).max()),
+        "abs_weight_sum_mean": float(np.abs(weights).sum(axis=1).mean()),
+        "correlation": max((abs(pearson_correlation(pnl, reference)) for reference in references), default=0.0),
+    }
+    return {name: _finite(value) for name, value in statistics.items()}

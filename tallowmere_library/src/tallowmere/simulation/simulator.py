@@ -1,0 +1,234 @@
+"""Simulate a signal: evaluate its graph, trade it, measure it and record the backtest timing.
+
+:func:`simulate_signal` is the local backtest a submission needs. It
+
+1. checks the whole graph against the operator set (nothing is evaluated
+   before every node passes);
+2. evaluates the graph in blocks of :data:`EVALUATION_BLOCK_DAYS` days, each
+   block reading just enough earlier rows to fill its windows, and turns each
+   block's values into portfolio weights;
+3. earns each day's weights on the next day's returns;
+4. measures the in-sample and out-of-sample periods and the mutual
+   information with the reference PnLs;
+5. records the backtest timing that ``submit_signal`` requires.
+
+Timing: the whole backtest (steps 1 to 4, after the panel is at hand) is
+measured with :func:`time.perf_counter`. Each block's wall time (expression
+and weights) is shared equally among its days, and the slowest day recorded
+is the largest such share: a vectorised evaluation does not take the days one
+at a time, so no finer honest measure exists.
+"""
+
+from __future__ import annotations
+
+import math
+import time
+from collections.abc import Mapping
+from dataclasses import dataclass, field
+
+import numpy as np
+import numpy.typing as npt
+
+from tallowmere.simulation.backtest_timing import BacktestTimingRecord, record_backtest_timing
+from tallowmere.simulation.dependence import copula_mutual_information
+from tallowmere.simulation.expression import ExpressionNode, compile_expression, evaluate_expression
+from tallowmere.simulation.market_panel import FloatArray, MarketPanel
+from tallowmere.simulation.portfolio import daily_pnl, signal_weights
+from tallowmere.simulation.reference_pnls import ReferencePnl, ReferencePnls, prepare_reference_pnls
+from tallowmere.simulation.signal_statistics import period_statistics
+from tallowmere.simulation.synthetic_market import default_panel
+
+__all__ = ["EVALUATION_BLOCK_DAYS", "SimulationResult", "simulate_signal"]
+
+EVALUATION_BLOCK_DAYS = 63
+"""Days evaluated together (a quarter of daily data); the unit of the per-day timing."""
+
+# perf_counter can return equal readings around a very short step; a timing
+# is never reported below this many seconds.
+_SHORTEST_TIMING = 1e-9
+
+
+@dataclass(frozen=True, eq=False)
+class SimulationResult:
+    """The outcome of :func:`simulate_signal`.
+
+    ``is_stats`` and ``os_stats`` hold the statistics of the in-sample and
+    out-of-sample periods (``sharpe``, ``turnover``, ``delta_exposure``,
+    ``max_weight``, ``abs_weight_sum_mean``, ``correlation``), all finite.
+    ``is_pnl_mi`` is the mutual information (nats) of the in-sample PnL with
+    the most similar reference, 0.0 without references and ``math.inf`` for
+    a copy. ``pnl`` is the daily PnL of every day of the panel, split into
+    ``is_pnl`` and ``os_pnl``; ``weights`` the daily weights (days × assets).
+    ``timing`` is the recorded backtest timing, None when recording was
+    turned off. ``data_contract`` describes the panel simulated on.
+    """
+
+    is_stats: dict[str, float]
+    os_stats: dict[str, float]
+    is_pnl_mi: float
+    expression_elapsed_seconds: float
+    backtest_elapsed_seconds: float
+    max_row_elapsed_seconds: float
+    pnl: FloatArray = field(repr=False)
+    is_pnl: FloatArray = field(repr=False)
+    os_pnl: FloatArray = field(repr=False)
+    weights: FloatArray = field(repr=False)
+    timing: BacktestTimingRecord | None
+    data_contract: dict[str, str | int]
+
+    def submission_kwargs(self) -> dict[str, object]:
+        """The keyword arguments ``SignalServiceClient.submit_signal`` takes from a simulation.
+
+        Returns ``{"is_stats": ..., "is_pnl_mi": ..., "expression_elapsed_seconds": ...}``
+        with a fresh copy of ``is_stats``.
+        """
+        return {
+            "is_stats": dict(self.is_stats),
+            "is_pnl_mi": self.is_pnl_mi,
+            "expression_elapsed_seconds": self.expression_elapsed_seconds,
+        }
+
+
+def _resolve_panel(
+    data: MarketPanel | Mapping[str, npt.ArrayLike] | None,
+    frequency: str | None,
+    in_sample_days: int | None,
+) -> MarketPanel:
+    if isinstance(data, MarketPanel):
+        if frequency is not None or in_sample_days is not None:
+            raise ValueError(
+                "frequency and in_sample_days apply only to data given as a mapping; "
+                "a MarketPanel carries its own"
+            )
+        return data
+    if data is None:
+        if frequency is not None or in_sample_days is not None:
+            raise ValueError("frequency and in_sample_days apply only to data given as a mapping")
+        return default_panel()
+    if isinstance(data, Mapping):
+        return MarketPanel.from_fields(
+            data, frequency="1d" if frequency is None else frequency, in_sample_days=in_sample_days
+        )
+    raise ValueError(
+        f"data must be a MarketPanel, a mapping of field name to array, or None, got {type(data).__name__}"
+    )
+
+
+@dataclass(frozen=True, slots=True)
+class _Evaluation:
+    weights: FloatArray
+    expression_seconds: float
+    max_row_seconds: float
+
+
+def _evaluate_in_blocks(root: ExpressionNode, panel: MarketPanel) -> _Evaluation:
+    """Evaluate the graph block by block and turn every block into weights, timing each block."""
+    weights = np.zeros((panel.day_count, panel.asset_count))
+    expression_seconds = 0.0
+    max_row_seconds = 0.0
+    for start in range(0, panel.day_count, EVALUATION_BLOCK_DAYS):
+        stop = min(start + EVALUATION_BLOCK_DAYS, panel.day_count)
+        began = time.perf_counter()
+        values = evaluate_expression(root, panel, start, stop)
+        evaluated = time.perf_counter()
+        weights[start:stop] = signal_weights(values)
+        finished = time.perf_counter()
+        expression_seconds += evaluated - began
+        max_row_seconds = max(max_row_seconds, (finished - began) / (stop - start))
+    weights.setflags(write=False)
+    return _Evaluation(
+        weights=weights,
+        expression_seconds=max(expression_seconds, _SHORTEST_TIMING),
+        max_row_seconds=max(max_row_seconds, _SHORTEST_TIMING),
+    )
+
+
+def _largest_mutual_information(is_pnl: FloatArray, references: tuple[ReferencePnl, ...]) -> float:
+    largest = 0.0
+    for reference in references:
+        largest = max(largest, copula_mutual_information(is_pnl, reference.in_sample))
+        if math.isinf(largest):
+            break
+    return largest
+
+
+def _readonly(values: FloatArray) -> FloatArray:
+    values.setflags(write=False)
+    return values
+
+
+def simulate_signal(
+    graph: Mapping[str, object],
+    *,
+    data: MarketPanel | Mapping[str, npt.ArrayLike] | None = None,
+    reference_pnls: ReferencePnls | None = None,
+    record_timing: bool = True,
+    frequency: str | None = None,
+    in_sample_days: int | None = None,
+) -> SimulationResult:
+    """Backtest ``graph`` and return its statistics, PnL and recorded timing.
+
+    ``data`` is the panel to simulate on: None for :func:`default_panel`, a
+    :class:`MarketPanel`, or a mapping of field name to a days × assets array
+    (see :meth:`MarketPanel.from_fields`; ``frequency`` and
+    ``in_sample_days`` then set its row frequency, default ``"1d"``, and its
+    split, default two thirds of the days). ``reference_pnls`` are the daily
+    PnLs of other signals, as a sequence or a mapping of name to series,
+    each covering every day of the panel or only its in-sample days; they
+    set the ``correlation`` statistics and ``is_pnl_mi``.
+
+    With ``record_timing`` (the default) the timing is recorded for
+    ``graph``, after which ``require_recorded_backtest_timing(graph)``
+    passes and the graph can be submitted.
+
+    Raises ``ValueError`` for a graph that does not check (naming the node),
+    bad data or bad references, before anything is evaluated.
+    """
+    panel = _resolve_panel(data, frequency, in_sample_days)
+    began = time.perf_counter()
+    root = compile_expression(graph, day_count=panel.day_count)
+    references = prepare_reference_pnls(
+        reference_pnls, day_count=panel.day_count, in_sample_days=panel.in_sample_days
+    )
+
+    evaluation = _evaluate_in_blocks(root, panel)
+    split = panel.in_sample_days
+    weights = evaluation.weights
+    pnl = _readonly(daily_pnl(weights, panel.returns))
+    is_pnl, os_pnl = pnl[:split], pnl[split:]
+    no_position = np.zeros(panel.asset_count)
+    is_stats = period_statistics(
+        is_pnl, weights[:split], no_position, [reference.in_sample for reference in references]
+    )
+    os_stats = period_statistics(
+        os_pnl,
+        weights[split:],
+        weights[split - 1],
+        [reference.out_of_sample for reference in references if reference.out_of_sample is not None],
+    )
+    is_pnl_mi = _largest_mutual_information(is_pnl, references)
+    backtest_seconds = max(time.perf_counter() - began, _SHORTEST_TIMING)
+
+    timing: BacktestTimingRecord | None = None
+    if record_timing:
+        timing = record_backtest_timing(
+            graph,
+            elapsed_seconds=backtest_seconds,
+            row_count=panel.day_count,
+            max_row_elapsed_seconds=evaluation.max_row_seconds,
+            frequency=panel.frequency,
+        )
+    return SimulationResult(
+        is_stats=is_stats,
+        os_stats=os_stats,
+        is_pnl_mi=is_pnl_mi,
+        expression_elapsed_seconds=evaluation.expression_seconds,
+        backtest_elapsed_seconds=backtest_seconds,
+        max_row_elapsed_seconds=evaluation.max_row_seconds,
+        pnl=pnl,
+        is_pnl=is_pnl,
+        os_pnl=os_pnl,
+        weights=weights,
+        timing=timing,
+        data_contract=panel.contract_projection(),
+    )
