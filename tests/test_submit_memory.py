@@ -73,7 +73,12 @@ def client_for(**answers: Any) -> SignalServiceClient:
                                transmission_observer=lambda *a: None)  # fmt: skip
 
 
-GRAPH = recorded_graph("vwap", window=99)
+GRAPH = {"op": "rank", "args": [{"op": "vwap", "window": 99}]}
+
+
+@pytest.fixture(autouse=True)
+def recorded_timing() -> None:
+    assert recorded_graph("vwap", window=99) == GRAPH
 ITEMS = [{"graph": GRAPH, "named_universe": "top300", **signal_kwargs()} for _ in range(3)]
 BATCH_ANSWER = json_answer(207, {"results": [{"index": 0, "status_code": 202, "body": {"submission_id": "a"}},
                                              {"index": 1, "status_code": 409, "body": {"reason": "dup"}}]})  # fmt: skip
