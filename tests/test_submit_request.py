@@ -351,3 +351,21 @@ def test_canonical_request_reads_the_token_and_observer_at_call_time() -> None:
     client._transport_request = lambda method, url, headers, body: (seen.append(headers["Authorization"]) or (200, b'{"ok": 1}'))  # type: ignore[method-assign]  # noqa: E501
     assert client._canonical_request("GET", "eras") == (200, {"ok": 1})
     assert seen == ["Bearer new"]
+
+
+def test_a_replaced_url_parser_is_called_for_every_request(monkeypatch: pytest.MonkeyPatch) -> None:
+    transport = MethodRecorder(with_request=False)
+    client = SignalServiceClient("http://127.0.0.1:9", "t", transport=transport)
+    client._transport_request("GET", "http://127.0.0.1:9/eras", {}, None)
+    parsed: list[str] = []
+
+    class URL:
+        def __init__(self, url: str) -> None:
+            parsed.append(url)
+            self.raw_path = b"/elsewhere"
+
+    monkeypatch.setattr(httpx, "URL", URL)
+    client._transport_request("GET", "http://127.0.0.1:9/eras", {}, None)
+    client._transport_request("GET", "http://127.0.0.1:9/eras", {}, None)
+    assert parsed == ["http://127.0.0.1:9/eras"] * 2
+    assert [call[1] for call in transport.calls] == [("/eras",), ("/elsewhere",), ("/elsewhere",)]

@@ -63,6 +63,32 @@ Ref response_content(const Module& m, Borrowed, Borrowed response) {
     return call_method(serialised, n.encode, Borrowed(n.utf_8));
 }
 
+// The path and query of `url` as httpx.URL gives them ("/" when empty).
+Ref parse_request_path(const Module& m, Borrowed url_class, Borrowed url) {
+    Ref raw = getattr(call(url_class, url), m.n.raw_path);
+    if (is_bytes(raw)) raw = call_method(raw, m.n.decode, Borrowed(m.n.ascii));
+    return truthy(raw) ? raw : Ref(Borrowed(m.n.slash));
+}
+
+// parse_request_path, remembered per URL string for the httpx.URL bound at
+// import; any other parser is called every time.
+constexpr Py_ssize_t remembered_paths_limit = 1024;
+
+Ref request_path(const Module& m, Borrowed url) {
+    ModuleState& state = m.state();
+    Ref url_class = getattr(m.global(m.n.httpx), m.n.URL);
+    if (!url_class.is(Borrowed(state.raw_path_parser)) || !PyUnicode_CheckExact(url.get())) {
+        return parse_request_path(m, url_class, url);
+    }
+    PyObject* known = PyDict_GetItemWithError(state.raw_paths, url.get());
+    if (known != nullptr) return Ref(Borrowed(known));
+    if (PyErr_Occurred()) propagate();
+    Ref path = parse_request_path(m, url_class, url);
+    if (PyDict_GET_SIZE(state.raw_paths) >= remembered_paths_limit) PyDict_Clear(state.raw_paths);
+    if (PyUnicode_CheckExact(path.get())) check_status(PyDict_SetItem(state.raw_paths, url.get(), path.get()));
+    return path;
+}
+
 constexpr auto transport_request_signature =
     signature("SignalServiceClient._transport_request", Binding::instance_method, nullptr, param("method"),
               param("url"), param("headers"), param("body_content"));
@@ -70,10 +96,7 @@ constexpr auto transport_request_signature =
 Ref transport_request(const Module& m, Borrowed self, Borrowed method, Borrowed url, Borrowed headers,
                       Borrowed body_content) {
     const Names& n = m.n;
-    Ref parsed = call_method(m.global(n.httpx), n.URL, url);
-    Ref raw = getattr(parsed, n.raw_path);
-    if (is_bytes(raw)) raw = call_method(raw, n.decode, Borrowed(n.ascii));
-    Ref path = truthy(raw) ? raw : Ref(Borrowed(n.slash));
+    Ref path = request_path(m, url);
 
     Ref client = getattr(self, n._client);
     Ref response;

@@ -41,6 +41,8 @@ void for_each_state_object(ModuleState* state, Visitor&& visit) {
     visit(state->empty_text);
     visit(state->canonical_separators);
     visit(state->unreserved_bytes);
+    visit(state->raw_paths);
+    visit(state->raw_path_parser);
 }
 
 void init_state(ModuleState* state) {
@@ -55,6 +57,7 @@ void init_state(ModuleState* state) {
     state->default_pool_field_name = Ref(Borrowed(state->names.signal_pool_name)).release();
     state->empty_text = text("").release();
     state->canonical_separators = new_tuple({text(","), text(":")}).release();
+    state->raw_paths = new_dict().release();
 }
 
 // ---- imports -----------------------------------------------------------------------
@@ -156,6 +159,7 @@ int exec_module(PyObject* module) {
                Ref logging = Module::of(module).global(n.logging);
                add_object(module, n.logger, call_method(logging, n.getLogger, text("tallowmere.submit")));
                bind_constants(module, state);
+               state->raw_path_parser = getattr(Module::of(module).global(n.httpx), n.URL).release();
 
                for (const Member* m :
                     {&mb::mi_contract_json_value, &mb::stat_metric, &mb::reject_caller_threshold_authority,

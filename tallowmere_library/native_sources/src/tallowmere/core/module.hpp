@@ -27,6 +27,12 @@ struct ModuleState {
     PyObject* empty_text;           // ""
     PyObject* canonical_separators; // (",", ":")
 
+    // Request paths already split off by httpx.URL, by full URL. They are used
+    // only while the module's httpx.URL is still `raw_path_parser`, the class
+    // bound at import (its parse is pure but costly); a replacement is always called.
+    PyObject* raw_paths;
+    PyObject* raw_path_parser;
+
     // The frozenset this module binds as _UNRESERVED_BYTES, and its members as a
     // table. Percent-encoding uses the table while the global is still this object.
     PyObject* unreserved_bytes;
