@@ -1,0 +1,133 @@
+"""Idempotency keys: one submission per (owner, key), replays answered from the record.
+
+The rules, per owner:
+
+- the ``Idempotency-Key`` header, when sent, must equal the body's
+  ``idempotency_key`` (else 422 ``idempotency_key_mismatch``);
+- a key already bound to an accepted submission with the same body (compared
+  by the SHA-256 of the canonical JSON, so key order and spacing do not
+  matter) is answered with the original status and body, and nothing new is
+  created;
+- the same key with a different body is refused (422 ``idempotency_key_reused``);
+- while a request holding a key is still being answered, another request with
+  that key is refused (409 ``idempotency_key_in_flight``); the key is held
+  until the first answer has been sent, so a retry never races the original;
+- only accepted submissions bind a key: a refused body leaves the key free.
+"""
+
+from __future__ import annotations
+
+import itertools
+import threading
+from collections.abc import Mapping
+from typing import Any, Final
+
+from starlette.types import ASGIApp, Receive, Scope, Send
+
+from tallowmere.service.errors import ServiceError, refusal
+from tallowmere.service.jsonio import canonical_fingerprint
+from tallowmere.service.lifecycle import SubmissionKind
+
+MAX_KEY_LENGTH: Final = 255
+CLAIMS_SCOPE_KEY: Final = "tallowmere.claims"
+
+
+def body_idempotency_key(body: Mapping[str, Any]) -> str:
+    """Return the body's ``idempotency_key``, refusing a missing, empty or over-long one."""
+    key = body.get("idempotency_key")
+    if not isinstance(key, str) or not key.strip():
+        raise refusal(
+            "malformed_body",
+            {"invalid": {"idempotency_key": "must be a non-empty string"}} if "idempotency_key" in body
+            else {"missing": ["idempotency_key"]},
+        )
+    if len(key) > MAX_KEY_LENGTH:
+        problem = f"must be at most {MAX_KEY_LENGTH} characters"
+        raise refusal("malformed_body", {"invalid": {"idempotency_key": problem}})
+    return key
+
+
+def check_header_matches(header_key: str | None, body_key: str) -> None:
+    """Refuse a request whose ``Idempotency-Key`` header differs from its body's key."""
+    if header_key is not None and header_key != body_key:
+        raise refusal("idempotency_key_mismatch", {"header": header_key, "body": body_key})
+
+
+def submission_fingerprint(kind: SubmissionKind, body: Mapping[str, Any]) -> str:
+    """Return the fingerprint that tells a replay (same body) from a reused key."""
+    return canonical_fingerprint({"kind": kind, "body": body})
+
+
+class InFlightKeys:
+    """The (owner, key) pairs held by requests that have not been answered yet."""
+
+    def __init__(self) -> None:
+        """Start with no key held."""
+        self._lock = threading.Lock()
+        self._holders: dict[tuple[str, str], int] = {}
+        self._holder_ids = itertools.count(1)
+
+    def new_holder(self) -> int:
+        """Return a fresh holder identity for one request."""
+        return next(self._holder_ids)
+
+    def claim(self, owner: str, key: str, holder: int) -> None:
+        """Hold (owner, key) for ``holder``; raise 409 when another request holds it."""
+        with self._lock:
+            current = self._holders.setdefault((owner, key), holder)
+        if current != holder:
+            raise ServiceError(409, "idempotency_key_in_flight", {"idempotency_key": key})
+
+    def release_all(self, holder: int) -> None:
+        """Release every key that ``holder`` holds."""
+        with self._lock:
+            for pair in [pair for pair, current in self._holders.items() if current == holder]:
+                del self._holders[pair]
+
+    def held_count(self) -> int:
+        """Return how many keys are held now."""
+        with self._lock:
+            return len(self._holders)
+
+
+class RequestClaims:
+    """The keys one request holds; released when its answer has been sent."""
+
+    def __init__(self, registry: InFlightKeys) -> None:
+        """Create the claims of one request in ``registry``."""
+        self._registry = registry
+        self._holder = registry.new_holder()
+
+    def claim(self, owner: str, key: str) -> None:
+        """Hold (owner, key) for this request (claiming a key twice in one request is allowed)."""
+        self._registry.claim(owner, key, self._holder)
+
+    def release(self) -> None:
+        """Release every key this request holds."""
+        self._registry.release_all(self._holder)
+
+
+class ClaimReleaseMiddleware:
+    """Give each request a `RequestClaims` and release it once the request is fully answered.
+
+    It sits outside the routes, so the release happens only after the last
+    byte of the answer was handed to the server, including any delay added by
+    an outer layer.
+    """
+
+    def __init__(self, app: ASGIApp, registry: InFlightKeys) -> None:
+        """Wrap ``app`` with claims kept in ``registry``."""
+        self.app = app
+        self.registry = registry
+
+    async def __call__(self, scope: Scope, receive: Receive, send: Send) -> None:
+        """Run one request with its own claims."""
+        if scope["type"] != "http":
+            await self.app(scope, receive, send)
+            return
+        claims = RequestClaims(self.registry)
+        scope[CLAIMS_SCOPE_KEY] = claims
+        try:
+            await self.app(scope, receive, send)
+        finally:
+            claims.release()

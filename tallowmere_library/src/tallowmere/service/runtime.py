@@ -1,0 +1,66 @@
+"""One service instance's moving parts, built from its configuration, and how they stop."""
+
+from __future__ import annotations
+
+import time
+from collections.abc import Callable
+
+from starlette.applications import Starlette
+
+from tallowmere.service.app import ServiceParts, create_app
+from tallowmere.service.auth import TokenRegistry
+from tallowmere.service.catalog import EraCatalog, load_default_catalog
+from tallowmere.service.config import ServiceConfig
+from tallowmere.service.evaluation import Resimulator, simulator_resimulation
+from tallowmere.service.faults import FaultPlan
+from tallowmere.service.idempotency import InFlightKeys
+from tallowmere.service.intake import SubmissionIntake
+from tallowmere.service.storage import SubmissionStore
+from tallowmere.service.validation import SubmissionValidator
+from tallowmere.service.worker import LifecycleWorker
+
+
+class ServiceRuntime:
+    """The store, worker and application of one service instance.
+
+    Building it opens (or creates) the database; `start` starts the lifecycle
+    worker; `close` stops the worker and closes the database. The HTTP server
+    that serves `app` is the caller's to run.
+    """
+
+    def __init__(
+        self,
+        config: ServiceConfig,
+        *,
+        resimulator: Resimulator = simulator_resimulation,
+        clock: Callable[[], float] = time.time,
+    ) -> None:
+        """Build every part of the instance described by ``config``."""
+        self.config = config
+        self.catalog = EraCatalog(config.eras if config.eras is not None else load_default_catalog())
+        self.store = SubmissionStore(config.db_path)
+        self.worker = LifecycleWorker(self.store, config, resimulator=resimulator, clock=clock)
+        self.in_flight = InFlightKeys()
+        self.fault_plan = FaultPlan() if config.faults else None
+        self.intake = SubmissionIntake(
+            self.store, SubmissionValidator(self.catalog), config, on_accepted=self.worker.wake, clock=clock
+        )
+        self.app: Starlette = create_app(
+            ServiceParts(
+                catalog=self.catalog,
+                store=self.store,
+                intake=self.intake,
+                in_flight=self.in_flight,
+                tokens=TokenRegistry(config.tokens),
+                fault_plan=self.fault_plan,
+            )
+        )
+
+    def start(self) -> None:
+        """Start the lifecycle worker."""
+        self.worker.start()
+
+    def close(self) -> None:
+        """Stop the worker and close the database."""
+        self.worker.stop()
+        self.store.close()
