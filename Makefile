@@ -54,6 +54,23 @@ test: install
 demo: install
 	$(VPY) -m tallowmere demo
 
+# The client against the floor of its work, the reference service and httpx,
+# printed as one table (see the README for the figures).
+bench: install
+	$(VPY) bench/bench_client.py
+
+# An sdist and a wheel (the wheel is built from the sdist, so the sdist is
+# known to build from scratch); the wheel is then installed into a fresh
+# environment and checked.
+DIST_CHECK := build/dist-check
+dist: $(VENV)/.deps
+	rm -rf dist $(DIST_CHECK)
+	$(VPY) -m pip install --quiet "build>=1.2,<2"
+	$(VPY) -m build --outdir dist .
+	@py=$$(PYTHON="$(PYTHON)" tools/find-python.sh) && "$$py" -m venv $(DIST_CHECK)/venv
+	$(DIST_CHECK)/venv/bin/python -m pip install --quiet dist/*.whl
+	cd $(DIST_CHECK) && venv/bin/python $(CURDIR)/tools/smoke_check.py
+
 clean:
 	rm -rf build dist $(VENV) $(ASAN_VENV) .pytest_cache
 

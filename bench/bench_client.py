@@ -1,0 +1,249 @@
+"""The client measured side by side with the floor of its work, in one run.
+
+1. ``submit_signal`` with an in-memory transport, against the unavoidable work
+   for the same body: its JSON serialisation, its canonical serialisation and
+   SHA-256 (the idempotency key), and the decoding of the answer.
+2. End-to-end submissions per second against the reference service (its own
+   process, over loopback), against a bare ``httpx.Client`` loop posting bodies
+   of the same shape to the same service.
+3. A 10,000-signal batch with an in-memory transport, against the same floor
+   per item.
+4. ``import tallowmere.submit`` against ``import httpx`` alone, each in a fresh
+   interpreter.
+
+    python bench/bench_client.py [--quick]
+"""
+
+from __future__ import annotations
+
+import argparse
+import hashlib
+import json
+import os
+import platform
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
+from pathlib import Path
+from typing import Any
+
+import httpx
+
+sys.path.insert(0, str(Path(__file__).resolve().parent))
+
+from bench_batch import MemoryTransport, submissions  # noqa: E402
+
+from tallowmere.simulation import backtest_timing  # noqa: E402
+from tallowmere.submit import SignalServiceClient  # noqa: E402
+
+GRAPH = {"op": "rank", "args": [{"op": "ts_mean", "window": 5, "args": [{"op": "returns"}]}]}
+STATS = {"sharpe": 1.2, "turnover": 0.4, "delta_exposure": 0.05, "max_weight": 0.02, "abs_weight_sum_mean": 1.0,
+         "correlation": 0.1}  # fmt: skip
+ANSWER = json.dumps({"submission_id": "s-1", "status": "signal_submitted", "signal_pool_name": "momentum"}).encode()
+
+
+def best_of(rounds: int, run: Callable[[], float]) -> float:
+    return min(run() for _ in range(rounds))
+
+
+def per_call(count: int, call: Callable[[int], object]) -> float:
+    started = time.perf_counter()
+    for i in range(count):
+        call(i)
+    return (time.perf_counter() - started) / count
+
+
+def record_timing() -> None:
+    backtest_timing.record_backtest_timing(GRAPH, elapsed_seconds=0.03, row_count=756,
+                                           max_row_elapsed_seconds=0.0001, frequency="1d")  # fmt: skip
+
+
+def signal_arguments(i: int) -> dict[str, Any]:
+    return {"signal_pool_name": "momentum", "is_stats": {**STATS, "sharpe": 1.0 + i * 1e-6}, "is_pnl_mi": 0.1,
+            "expression_elapsed_seconds": 0.03}  # fmt: skip
+
+
+class CapturingTransport(MemoryTransport):
+    """Answers like the service would and keeps the bodies it was sent."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        self.bodies: list[bytes] = []
+
+    def post(self, path: str, *, content: bytes, headers: dict[str, str]) -> Any:
+        self.bodies.append(content)
+        return type("Answer", (), {"status_code": 202, "content": ANSWER})()
+
+
+def floor_per_body(bodies: list[bytes]) -> float:
+    """Serialise, key and decode the answer: the work no client can avoid."""
+    decoded = [json.loads(body) for body in bodies]
+
+    def work(i: int) -> None:
+        body = decoded[i % len(decoded)]
+        unkeyed = {k: v for k, v in body.items() if k != "idempotency_key"}
+        canonical = json.dumps(unkeyed, sort_keys=True, separators=(",", ":"), allow_nan=False)
+        key = "sigsubmit-" + hashlib.sha256(canonical.encode("utf-8")).hexdigest()
+        json.dumps({**unkeyed, "idempotency_key": key}).encode("utf-8")
+        json.loads(ANSWER)
+
+    return best_of(5, lambda: per_call(len(decoded), work))
+
+
+# ---- 1. one submission, in memory ------------------------------------------------------------
+
+
+def bench_single(count: int) -> tuple[float, float]:
+    record_timing()
+    transport = CapturingTransport()
+    client = SignalServiceClient("http://127.0.0.1:9", "token", transport=transport)
+    for i in range(100):
+        client.submit_signal(GRAPH, "top300", **signal_arguments(i))
+
+    def submit(i: int) -> None:
+        client.submit_signal(GRAPH, "top300", **signal_arguments(i))
+
+    client_time = best_of(5, lambda: per_call(count, submit))
+    return client_time, floor_per_body(transport.bodies[:count])
+
+
+# ---- 2. end to end against the reference service -----------------------------------------------
+
+
+@contextmanager
+def reference_service() -> Iterator[tuple[str, str]]:
+    token = "bench-token"
+    with tempfile.TemporaryDirectory() as directory:
+        ready = Path(directory) / "ready"
+        # A slow lifecycle clock keeps the service's worker idle during the run.
+        server = subprocess.Popen(
+            [sys.executable, "-m", "tallowmere", "serve", "--port", "0", "--db", str(Path(directory) / "bench.db"),
+             "--token", token, "--speed", "0.001", "--ready-file", str(ready)],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+        )  # fmt: skip
+        try:
+            deadline = time.monotonic() + 60
+            while not (ready.exists() and ready.read_text().strip()):
+                if server.poll() is not None or time.monotonic() > deadline:
+                    raise RuntimeError("the reference service did not start")
+                time.sleep(0.05)
+            yield ready.read_text().strip(), token
+        finally:
+            server.terminate()
+            server.wait(timeout=30)
+
+
+def bench_end_to_end(count: int) -> tuple[float, float]:
+    record_timing()
+    with reference_service() as (base_url, token):
+        rounds = []
+        offset = 0
+        for _ in range(3):
+            # Fresh bodies every round, so that no request is an idempotent replay.
+            client = SignalServiceClient(base_url, token)
+            client.submit_signal(GRAPH, "top300", **signal_arguments(offset))
+            started = time.perf_counter()
+            for i in range(offset + 1, offset + 1 + count):
+                assert client.submit_signal(GRAPH, "top300", **signal_arguments(i)).error is None
+            client_rate = count / (time.perf_counter() - started)
+            client.close()
+            offset += count + 1
+
+            capture = CapturingTransport()
+            capturing = SignalServiceClient(base_url, token, transport=capture)
+            capturing._era_catalog_cache = client._era_catalog_cache
+            for i in range(offset, offset + count):
+                capturing.submit_signal(GRAPH, "top300", **signal_arguments(i))
+            offset += count
+            with httpx.Client(base_url=base_url) as bare:
+                started = time.perf_counter()
+                for body in capture.bodies:
+                    key = json.loads(body)["idempotency_key"]
+                    response = bare.post("/signals/submit", content=body, headers={
+                        "Authorization": "Bearer " + token, "Content-Type": "application/json",
+                        "Idempotency-Key": key})  # fmt: skip
+                    assert response.status_code == 202, response.text
+                    response.json()
+                bare_rate = count / (time.perf_counter() - started)
+            rounds.append((client_rate, bare_rate))
+    return max(r[0] for r in rounds), max(r[1] for r in rounds)
+
+
+# ---- 3. a 10,000-signal batch ------------------------------------------------------------------------
+
+
+def bench_batch(count: int) -> tuple[float, float]:
+    items = submissions(count)
+    transport = CapturingTransport()
+
+    def run() -> float:
+        client = SignalServiceClient("http://127.0.0.1:9", "token", transport=MemoryTransport())
+        started = time.perf_counter()
+        result = client.submit_signals_batch(items)
+        assert result.accepted == count
+        return (time.perf_counter() - started) / count
+
+    client_time = best_of(3, run)
+    capture = SignalServiceClient("http://127.0.0.1:9", "token", transport=transport)
+    for item in items[:1000]:
+        capture.submit_signal(item["graph"], "top300", **{k: item[k] for k in
+                              ("signal_pool_name", "is_stats", "is_pnl_mi", "expression_elapsed_seconds")})  # fmt: skip
+    return client_time, floor_per_body(transport.bodies)
+
+
+# ---- 4. import time ------------------------------------------------------------------------------------
+
+
+def import_seconds(statement: str, rounds: int) -> float:
+    times = []
+    environment = {**os.environ, "PYTHONDONTWRITEBYTECODE": "0"}
+    for _ in range(rounds):
+        started = time.perf_counter()
+        subprocess.run([sys.executable, "-c", statement], check=True, env=environment)
+        times.append(time.perf_counter() - started)
+    return statistics.median(times)
+
+
+def bench_import(rounds: int) -> tuple[float, float]:
+    baseline = import_seconds("pass", rounds)
+    ours, httpx_alone = [], []
+    for _ in range(rounds):
+        ours.append(import_seconds("import tallowmere.submit", 1) - baseline)
+        httpx_alone.append(import_seconds("import httpx", 1) - baseline)
+    return statistics.median(ours), statistics.median(httpx_alone)
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--quick", action="store_true", help="fewer iterations, for a smoke run")
+    quick = parser.parse_args().quick
+
+    rows = []
+    client, floor = bench_single(300 if quick else 3000)
+    rows.append(("submit_signal, in-memory transport", f"{client * 1e6:.1f} us", f"{floor * 1e6:.1f} us floor",
+                 f"{client / floor:.2f}x floor"))  # fmt: skip
+    client_rate, bare_rate = bench_end_to_end(100 if quick else 400)
+    rows.append(("submissions/s over loopback", f"{client_rate:.0f}/s", f"{bare_rate:.0f}/s bare httpx",
+                 f"{client_rate / bare_rate:.2f} of bare"))  # fmt: skip
+    per_item, floor = bench_batch(1000 if quick else 10_000)
+    rows.append((f"{1000 if quick else 10_000:,}-signal batch, per item", f"{per_item * 1e6:.1f} us",
+                 f"{floor * 1e6:.1f} us floor", f"{per_item / floor:.2f}x floor"))  # fmt: skip
+    ours, httpx_alone = bench_import(5 if quick else 15)
+    rows.append(("import tallowmere.submit", f"{ours * 1e3:.0f} ms", f"{httpx_alone * 1e3:.0f} ms httpx alone",
+                 f"{ours / httpx_alone:.2f}x httpx"))  # fmt: skip
+
+    print(f"Machine: {platform.machine()}, {os.cpu_count()} cores, {platform.python_implementation()} "
+          f"{platform.python_version()}, {platform.platform()}")  # fmt: skip
+    print()
+    print("| measurement | tallowmere | reference | ratio |")
+    print("|---|---|---|---|")
+    for row in rows:
+        print("| " + " | ".join(row) + " |")
+
+
+if __name__ == "__main__":
+    main()
