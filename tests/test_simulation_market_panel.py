@@ -14,7 +14,7 @@ from tallowmere.simulation import MarketPanel, default_panel, simulate_signal
 from tallowmere.simulation.market_panel import FloatArray
 from tallowmere.simulation.synthetic_market import build_synthetic_panel
 
-CATALOG_DOC = Path(__file__).resolve().parent.parent / "docs" / "era-catalog.md"
+CATALOG_DOC = Path(__file__).resolve().parent.parent / "README.md"
 
 
 def test_default_panel_matches_the_published_data_contract() -> None:

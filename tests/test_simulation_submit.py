@@ -12,7 +12,7 @@ from typing import Any
 from simulation_support import momentum_graph
 from tallowmere.simulation import simulate_signal
 
-CATALOG_DOC = Path(__file__).resolve().parent.parent / "docs" / "era-catalog.md"
+CATALOG_DOC = Path(__file__).resolve().parent.parent / "README.md"
 
 
 def _published_catalog() -> dict[str, Any]:

@@ -24,7 +24,7 @@ A, B, C = {"era_number": 1, "n": "A"}, {"era_number": 2, "n": "B"}, {"era_number
 
 
 def test_documented_catalog_is_the_test_catalog() -> None:
-    doc = (Path(__file__).parent.parent / "docs" / "era-catalog.md").read_text()
+    doc = (Path(__file__).parent.parent / "README.md").read_text()
     block = doc.split("## A complete catalog")[1].split("```json")[1].split("```")[0]
     assert json.loads(block) == ERA_CATALOG
 

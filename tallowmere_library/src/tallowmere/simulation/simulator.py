@@ -25,6 +25,7 @@ import math
 import time
 from collections.abc import Mapping
 from dataclasses import dataclass, field
+from typing import TypedDict
 
 import numpy as np
 import numpy.typing as npt
@@ -38,7 +39,7 @@ from tallowmere.simulation.reference_pnls import ReferencePnl, ReferencePnls, pr
 from tallowmere.simulation.signal_statistics import period_statistics
 from tallowmere.simulation.synthetic_market import default_panel
 
-__all__ = ["EVALUATION_BLOCK_DAYS", "SimulationResult", "simulate_signal"]
+__all__ = ["EVALUATION_BLOCK_DAYS", "SimulationResult", "SubmissionArguments", "simulate_signal"]
 
 EVALUATION_BLOCK_DAYS = 63
 """Days evaluated together (a quarter of daily data); the unit of the per-day timing."""
@@ -46,6 +47,14 @@ EVALUATION_BLOCK_DAYS = 63
 # perf_counter can return equal readings around a very short step; a timing
 # is never reported below this many seconds.
 _SHORTEST_TIMING = 1e-9
+
+
+class SubmissionArguments(TypedDict):
+    """What a simulation gives ``SignalServiceClient.submit_signal``, as keyword arguments."""
+
+    is_stats: dict[str, float]
+    is_pnl_mi: float
+    expression_elapsed_seconds: float
 
 
 @dataclass(frozen=True, eq=False)
@@ -76,7 +85,7 @@ class SimulationResult:
     timing: BacktestTimingRecord | None
     data_contract: dict[str, str | int]
 
-    def submission_kwargs(self) -> dict[str, object]:
+    def submission_kwargs(self) -> SubmissionArguments:
         """The keyword arguments ``SignalServiceClient.submit_signal`` takes from a simulation.
 
         Returns ``{"is_stats": ..., "is_pnl_mi": ..., "expression_elapsed_seconds": ...}``
