@@ -39,7 +39,7 @@ constexpr auto stat_metric_signature =
 Ref stat_metric(const Module& m, Borrowed is_stats, Borrowed keys) {
     Ref iterator = Ref::checked(PyObject_GetIter(keys.get()));
     while (Ref key = Ref::steal(PyIter_Next(iterator.get()))) {
-        Ref value = mapping_get(is_stats, key, none());
+        Ref value = mapping_get(is_stats, key);
         if (truthy(call_global(m, m.n._is_finite_number, value))) {
             return is_exact_float(value) ? value : Ref::checked(PyNumber_Float(value.get()));
         }

@@ -16,7 +16,7 @@ constexpr auto field_value_signature = signature("_field_value", Binding::module
                                                  param("key"), param("default", none_default));
 
 Ref field_value(const Module&, Borrowed value, Borrowed key, Borrowed fallback) {
-    if (is_dict(value)) return mapping_get(value, key, fallback);
+    if (is_dict(value)) return mapping_get_or(value, key, fallback);
     if (!PyUnicode_Check(key.get())) {
         PyErr_Format(PyExc_TypeError, "attribute name must be string, not '%.200s'", Py_TYPE(key.get())->tp_name);
         propagate();
@@ -69,8 +69,8 @@ Ref candidate_eras(const Module& m, Borrowed catalog, Borrowed market_id) {
     if (!truthy(eras_by_market)) eras_by_market = mapping_get(catalog, n.market_era_groups);
 
     if (is_dict(eras_by_market) && !market_id.is_none()) {
-        Ref eras = mapping_get(eras_by_market, str(to_int(market_id)), none());
-        if (!truthy(eras)) eras = mapping_get(eras_by_market, to_int(market_id), none());
+        Ref eras = mapping_get(eras_by_market, str(to_int(market_id)));
+        if (!truthy(eras)) eras = mapping_get(eras_by_market, to_int(market_id));
         return eras;
     }
     if (is_dict(eras_by_market)) {

@@ -100,7 +100,7 @@ Ref raise_submission_rejected(const Module& m, Borrowed status_code, Borrowed re
     Ref reason = mapping_get(response_data, m.n.reason);
     if (!truthy(reason)) reason = mapping_get(response_data, m.n.error);
     if (!truthy(reason)) reason = concat({text("http_"), format(status_code)});
-    Ref details = mapping_get(response_data, Borrowed(m.n.details), none());
+    Ref details = mapping_get_or(response_data, Borrowed(m.n.details), none());
     Ref error = call_global_kw(m, m.n.SubmissionRejectedError, {status_code, reason, details},
                                {{m.n.body, response_data}});
     raise_instance(error);

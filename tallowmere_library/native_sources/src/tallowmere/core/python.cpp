@@ -84,17 +84,30 @@ void setattr(Borrowed object, PyObject* name, Borrowed value) {
 Ref new_dict() { return Ref::checked(PyDict_New()); }
 Ref new_list() { return Ref::checked(PyList_New(0)); }
 
-Ref mapping_get(Borrowed mapping, PyObject* key) {
-    if (PyDict_CheckExact(mapping.get())) return mapping_get(mapping, Borrowed(key), none());
-    return Ref::checked(PyObject_CallMethod(mapping.get(), "get", "O", key));
+namespace {
+
+// The value of an exact dict, borrowed into a new reference, or an empty Ref
+// when the key is missing.
+Ref exact_dict_value(Borrowed dict, Borrowed key) {
+    PyObject* value = PyDict_GetItemWithError(dict.get(), key.get());
+    if (value == nullptr && PyErr_Occurred()) propagate();
+    return Ref(Borrowed(value));
 }
 
-Ref mapping_get(Borrowed mapping, Borrowed key, Borrowed fallback) {
+}  // namespace
+
+Ref mapping_get(Borrowed mapping, Borrowed key) {
     if (PyDict_CheckExact(mapping.get())) {
-        PyObject* value = PyDict_GetItemWithError(mapping.get(), key.get());
-        if (value != nullptr) return Ref(Borrowed(value));
-        if (PyErr_Occurred()) propagate();
-        return Ref(fallback);
+        Ref value = exact_dict_value(mapping, key);
+        return value ? value : Ref(none());
+    }
+    return Ref::checked(PyObject_CallMethod(mapping.get(), "get", "O", key.get()));
+}
+
+Ref mapping_get_or(Borrowed mapping, Borrowed key, Borrowed fallback) {
+    if (PyDict_CheckExact(mapping.get())) {
+        Ref value = exact_dict_value(mapping, key);
+        return value ? value : Ref(fallback);
     }
     return Ref::checked(PyObject_CallMethod(mapping.get(), "get", "OO", key.get(), fallback.get()));
 }

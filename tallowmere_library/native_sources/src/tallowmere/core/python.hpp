@@ -74,9 +74,11 @@ inline bool is_exact_float(Borrowed value) { return PyFloat_CheckExact(value.get
 
 Ref new_dict();
 Ref new_list();
-// mapping.get(key) / mapping.get(key, fallback); a dict subclass's own `get` is honoured.
-Ref mapping_get(Borrowed mapping, PyObject* key);
-Ref mapping_get(Borrowed mapping, Borrowed key, Borrowed fallback);
+// mapping.get(key); a dict subclass's own `get` (or any mapping's) is honoured.
+Ref mapping_get(Borrowed mapping, Borrowed key);
+inline Ref mapping_get(Borrowed mapping, PyObject* key) { return mapping_get(mapping, Borrowed(key)); }
+// mapping.get(key, fallback)
+Ref mapping_get_or(Borrowed mapping, Borrowed key, Borrowed fallback);
 // mapping[key] = value
 void set_item(Borrowed mapping, Borrowed key, Borrowed value);
 // container[key]
