@@ -42,7 +42,7 @@ $(VENV)/.installed: $(NATIVE_INPUTS) $(PYTHON_SOURCES) $(VENV)/.deps
 # extension is rebuilt on import whenever its C++ sources changed.
 develop: $(VENV)/.deps
 	$(VPY) -m pip install --quiet --no-build-isolation --no-deps \
-		-Cbuild-dir=build/editable -Ceditable.rebuild=true -e .
+		-Cbuild-dir=build/editable -Ceditable.rebuild=true -Ceditable.verbose=false -e .
 	@rm -f $(VENV)/.installed
 	@touch $(VENV)/.develop
 

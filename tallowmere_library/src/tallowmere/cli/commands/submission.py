@@ -1,0 +1,133 @@
+"""``tallowmere submit`` and ``tallowmere submit-strategy``: simulate one graph, then submit it."""
+
+from __future__ import annotations
+
+import argparse
+from typing import Any
+
+from rich.console import Console
+from rich.text import Text
+
+from tallowmere.api.signal_types import SubmitResult
+from tallowmere.cli.commands.simulate import simulate_graph, simulation_document
+from tallowmere.cli.connection import (
+    ServiceAddress,
+    answered,
+    fetch_era_catalog,
+    open_client,
+    refusal_text,
+    request_failure,
+    resolve_address,
+    unreachable,
+)
+from tallowmere.cli.errors import EXIT_OK, ServiceRefusal, UsageError
+from tallowmere.cli.inputs import read_graph_file
+from tallowmere.cli.tables import figure, submit_document
+from tallowmere.cli.terminal import Terminal
+
+
+def named_universe_or_configured(named_universe: str | None) -> str:
+    """``named_universe`` when given, else the agent configuration's ``named_universe``; `UsageError` when neither."""
+    if named_universe is not None:
+        return named_universe
+    from tallowmere.agent_onboarding import _config
+
+    try:
+        configured = _config.get("named_universe")
+    except ValueError as exc:
+        raise UsageError(str(exc)) from None
+    if isinstance(configured, str) and configured.strip():
+        return configured
+    raise UsageError(f"no named universe: pass --universe or set named_universe in {_config.config_path()}")
+
+
+def conclude_submission(
+    terminal: Terminal, result: SubmitResult, document: dict[str, Any], address: ServiceAddress, kind: str
+) -> int:
+    """Emit an accepted submission; raise the refusal or the failed request otherwise."""
+    if result.status_code == 0:
+        error = unreachable(address, result.error or "no answer")
+        error.document = document
+        raise error
+    if result.error is not None:
+        message = f"the service refused the {kind}: {refusal_text(result.status_code, result.error, result.body)}"
+        raise ServiceRefusal(message, document=document)
+
+    def render(console: Console) -> None:
+        body = result.body if isinstance(result.body, dict) else {}
+        pool = result.signal_pool_name or result.strategy_pool_name
+        headline = f"{kind} {result.submission_id} accepted: {body.get('status', '')}, pool {pool}"
+        console.print(Text(headline), soft_wrap=True)
+        console.print(
+            Text(
+                f"market {body.get('market_id')}, era {body.get('era_number')}, "
+                f"idempotency key {body.get('idempotency_key')}"
+            ),
+            soft_wrap=True,
+        )
+        simulation = document.get("simulation")
+        if isinstance(simulation, dict):
+            console.print(
+                Text(
+                    f"{simulation['expression']}: in-sample sharpe {figure(simulation['is_stats'].get('sharpe'))}, "
+                    f"out-of-sample sharpe {figure(simulation['os_stats'].get('sharpe'))}"
+                ),
+                soft_wrap=True,
+            )
+
+    terminal.emit(document, render)
+    return EXIT_OK
+
+
+def run_submit(args: argparse.Namespace, terminal: Terminal) -> int:
+    """Simulate the graph of ``args.graph_file`` and submit it as a signal."""
+    graph = read_graph_file(args.graph_file)
+    named_universe = named_universe_or_configured(args.named_universe)
+    address = resolve_address(args)
+    simulation = simulate_graph(graph, args.graph_file)
+    with open_client(address) as client:
+        # Fetched first so that a failure to get it is told apart from a local check:
+        # the submission below reuses it (the client keeps it for a minute).
+        fetch_era_catalog(client, address)
+        try:
+            with answered(address, "POST /signals/submit"):
+                result = client.submit_signal(
+                    graph,
+                    named_universe,
+                    signal_pool_name=args.signal_pool_name,
+                    is_stats=dict(simulation.is_stats),
+                    is_pnl_mi=simulation.is_pnl_mi,
+                    expression_elapsed_seconds=simulation.expression_elapsed_seconds,
+                    metaparameters=args.metaparameters,
+                    idempotency_key=args.idempotency_key,
+                    market_id=args.market_id,
+                    era_number=args.era_number,
+                )
+        except ValueError as exc:
+            raise request_failure(exc, address, "GET /eras") or UsageError(f"not sent: {exc}") from exc
+    document = {**submit_document(result), "simulation": simulation_document(graph, simulation)}
+    return conclude_submission(terminal, result, document, address, "signal")
+
+
+def run_submit_strategy(args: argparse.Namespace, terminal: Terminal) -> int:
+    """Simulate the graph of ``args.graph_file`` and submit it as a strategy."""
+    graph = read_graph_file(args.graph_file)
+    named_universe = named_universe_or_configured(args.named_universe)
+    address = resolve_address(args)
+    simulation = simulate_graph(graph, args.graph_file)
+    with open_client(address) as client:
+        try:
+            with answered(address, "POST /strategies/submit"):
+                result = client.submit_strategy(
+                    graph,
+                    named_universe,
+                    strategy_pool_name=args.strategy_pool_name,
+                    market_id=args.market_id,
+                    era_number=args.era_number,
+                    metaparameters=args.metaparameters,
+                    idempotency_key=args.idempotency_key,
+                )
+        except ValueError as exc:
+            raise UsageError(f"not sent: {exc}") from exc
+    document = {**submit_document(result), "simulation": simulation_document(graph, simulation)}
+    return conclude_submission(terminal, result, document, address, "strategy")
