@@ -26,14 +26,6 @@ Ref batch_result(const Module& m, Borrowed status_code, Borrowed body, Borrowed 
                            {n.error, error}});
 }
 
-// Each item of a list or tuple (or any iterable), one new reference at a time.
-template <class Visit>
-void for_each(Borrowed iterable, Visit&& visit) {
-    Ref iterator = Ref::checked(PyObject_GetIter(iterable.get()));
-    while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) visit(item);
-    if (PyErr_Occurred()) propagate();
-}
-
 // sum(1 for item in results if item.status_code == 202)
 long long accepted_count(const Module& m, Borrowed results) {
     Ref accepted_status = integer(batch_accepted_status);
@@ -120,10 +112,7 @@ Ref batch_http_status_for_items(const Module& m, Borrowed results) {
     for_each(results, [&](Borrowed item) {
         check_status(PySet_Add(unique_statuses.get(), getattr(item, m.n.status_code).get()));
     });
-    if (accepted == 0 && PySet_GET_SIZE(unique_statuses.get()) == 1) {
-        Ref iterator = Ref::checked(PyObject_GetIter(unique_statuses.get()));
-        return Ref::checked(PyIter_Next(iterator.get()));
-    }
+    if (accepted == 0 && PySet_GET_SIZE(unique_statuses.get()) == 1) return only_member(unique_statuses);
     return integer(batch_multi_status);
 }
 
@@ -150,7 +139,7 @@ Ref combine_batch_chunk_results(const Module& m, Borrowed cls, Borrowed chunk_re
         accepted = Ref::checked(PyNumber_Add(accepted.get(), getattr(chunk_result, n.accepted).get()));
         failed = Ref::checked(PyNumber_Add(failed.get(), getattr(chunk_result, n.failed).get()));
         check_status(PySet_Add(chunk_statuses.get(), getattr(chunk_result, n.status_code).get()));
-        Ref extended = Ref::checked(PySequence_InPlaceConcat(results.get(), getattr(chunk_result, n.results).get()));
+        list_extend(results, getattr(chunk_result, n.results));
     });
 
     Ref zero = integer(0);
@@ -160,8 +149,7 @@ Ref combine_batch_chunk_results(const Module& m, Borrowed cls, Borrowed chunk_re
     } else if (equals(failed, zero)) {
         status_code = integer(batch_accepted_status);
     } else if (equals(accepted, zero) && PySet_GET_SIZE(chunk_statuses.get()) == 1) {
-        Ref iterator = Ref::checked(PyObject_GetIter(chunk_statuses.get()));
-        status_code = Ref::checked(PyIter_Next(iterator.get()));
+        status_code = only_member(chunk_statuses);
     } else {
         status_code = integer(batch_multi_status);
     }
@@ -387,8 +375,7 @@ Ref submit_signals_batch(const Module& m, Borrowed self, Borrowed submissions) {
         Ref chunk_result = call_method(self, n._batch_result_from_body, status_code, resp_body);
         call_method(self, n._rebase_batch_item_indices, chunk_result, start);
         list_append(chunk_results, chunk_result);
-        Ref extended =
-            Ref::checked(PySequence_InPlaceConcat(prior_results.get(), getattr(chunk_result, n.results).get()));
+        list_extend(prior_results, getattr(chunk_result, n.results));
     });
     if (partial_failure) return partial_failure;
     return call_method(self, n._combine_batch_chunk_results, chunk_results);

@@ -37,15 +37,12 @@ constexpr auto stat_metric_signature =
     signature("_stat_metric", Binding::module_function, nullptr, param("is_stats"), param("keys"));
 
 Ref stat_metric(const Module& m, Borrowed is_stats, Borrowed keys) {
-    Ref iterator = Ref::checked(PyObject_GetIter(keys.get()));
-    while (Ref key = Ref::steal(PyIter_Next(iterator.get()))) {
+    Ref metric = find_first(keys, [&](Borrowed key) -> Ref {
         Ref value = mapping_get(is_stats, key);
-        if (truthy(call_global(m, m.n._is_finite_number, value))) {
-            return is_exact_float(value) ? value : Ref::checked(PyNumber_Float(value.get()));
-        }
-    }
-    if (PyErr_Occurred()) propagate();
-    return Ref(none());
+        if (!truthy(call_global(m, m.n._is_finite_number, value))) return Ref();
+        return is_exact_float(value) ? value : Ref::checked(PyNumber_Float(value.get()));
+    });
+    return metric ? metric : Ref(none());
 }
 
 constexpr auto reject_caller_threshold_authority_signature =
@@ -170,11 +167,9 @@ constexpr auto reject_retired_universe_aliases_signature =
 Ref reject_retired_universe_aliases(const Module& m, Borrowed body) {
     if (!is_dict(body)) return Ref(none());
     Ref aliases = m.global(m.n._RETIRED_UNIVERSE_ALIAS_KEYS);
-    Ref iterator = Ref::checked(PyObject_GetIter(aliases.get()));
-    while (Ref key = Ref::steal(PyIter_Next(iterator.get()))) {
+    for_each(aliases, [&](Borrowed key) {
         if (contains(body, key)) raise_value_error(concat({format(key), text(" is retired; submit named_universe")}));
-    }
-    if (PyErr_Occurred()) propagate();
+    });
     return Ref(none());
 }
 
@@ -226,13 +221,10 @@ constexpr auto idempotency_key_for_body_signature = signature(
 Ref idempotency_key_for_body(const Module& m, Borrowed body) {
     const Names& n = m.n;
     Ref payload = new_dict();
-    Ref items = call_method(body, n.items);
-    Ref iterator = Ref::checked(PyObject_GetIter(items.get()));
-    while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
-        Ref key = get_item(item, integer(0));
-        if (compare(key, Borrowed(n.idempotency_key), Py_NE)) set_item(payload, key, get_item(item, integer(1)));
-    }
-    if (PyErr_Occurred()) propagate();
+    for_each(call_method(body, n.items), [&](Borrowed item) {
+        auto [key, value] = unpack_pair(item);
+        if (compare(key, Borrowed(n.idempotency_key), Py_NE)) set_item(payload, key, value);
+    });
 
     Ref canonical = call_method_kw(m.global(n.json), n.dumps, {payload},
                                    {{n.sort_keys, boolean(true)},

@@ -75,14 +75,9 @@ Ref candidate_eras(const Module& m, Borrowed catalog, Borrowed market_id) {
     }
     if (is_dict(eras_by_market)) {
         Ref grouped = new_list();
-        Ref groups = call_method(eras_by_market, n.values);
-        Ref iterator = Ref::checked(PyObject_GetIter(groups.get()));
-        while (Ref group = Ref::steal(PyIter_Next(iterator.get()))) {
-            if (is_list(group)) {
-                Ref extended = Ref::checked(PySequence_InPlaceConcat(grouped.get(), group.get()));
-            }
-        }
-        if (PyErr_Occurred()) propagate();
+        for_each(call_method(eras_by_market, n.values), [&](Borrowed group) {
+            if (is_list(group)) list_extend(grouped, group);
+        });
         if (length(grouped) > 0) return grouped;
     }
     return mapping_get(catalog, n.eras);

@@ -25,16 +25,6 @@ Ref positive_era_int(const Module& m, Borrowed era, PyObject* field_name) {
 
 bool is_list_or_tuple(Borrowed value) { return PyList_Check(value.get()) || PyTuple_Check(value.get()); }
 
-// Iterates a list or tuple by index, each item a new reference.
-template <class Visit>
-Ref for_each_item(Borrowed sequence, Visit&& visit) {
-    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(sequence.get()); ++i) {
-        Ref item(Borrowed(PySequence_Fast_GET_ITEM(sequence.get(), i)));
-        if (Ref found = visit(item)) return found;
-    }
-    return Ref();
-}
-
 // ---- graph complexity -----------------------------------------------------------------
 
 constexpr auto enforce_graph_complexity_signature = signature(
@@ -106,11 +96,11 @@ Ref rule_id_for_named_universe(const Module& m, Borrowed era, Borrowed named_uni
     const Names& n = m.n;
     Ref rules = field_of(m, era, n.universe_rules);
     if (!is_list_or_tuple(rules)) return Ref(none());
-    Ref found = for_each_item(rules, [&](Borrowed rule) -> Ref {
+    Ref found = find_first(rules, [&](Borrowed rule) -> Ref {
         Ref rule_id = field_of(m, rule, n.rule_id);
         Ref universes = field_of(m, rule, n.universes);
         if (rule_id.is_none() || !is_list_or_tuple(universes)) return Ref();
-        return for_each_item(universes, [&](Borrowed entry) -> Ref {
+        return find_first(universes, [&](Borrowed entry) -> Ref {
             if (is_str(entry)) return equals(entry, named_universe) ? rule_id : Ref();
             for (PyObject* key : {n.name, n.id}) {
                 Ref candidate = field_of(m, entry, key);
@@ -133,14 +123,14 @@ Ref signal_is_thresholds_for_pool(const Module& m, Borrowed pool, Borrowed rule_
         return is_dict(entry) ? entry : Ref(none());
     }
     if (!is_list_or_tuple(entries)) return Ref(none());
-    Ref found = for_each_item(entries, [&](Borrowed entry) -> Ref {
+    Ref found = find_first(entries, [&](Borrowed entry) -> Ref {
         if (!is_dict(entry)) return Ref();
         for (PyObject* key : {n.universe_rule_id, n.rule_id}) {
             if (rule_matches(m, field_of(m, entry, key), rule_id)) return Ref(entry);
         }
         Ref universes = field_of(m, entry, n.universes);
         if (!is_list_or_tuple(universes)) return Ref();
-        return for_each_item(universes, [&](Borrowed candidate) -> Ref {
+        return find_first(universes, [&](Borrowed candidate) -> Ref {
             return rule_matches(m, candidate, rule_id) ? Ref(entry) : Ref();
         });
     });

@@ -45,14 +45,12 @@ Ref public_status_body(const Module& m, Borrowed body) {
     const Names& n = m.n;
     if (!contains(body, Borrowed(n.correlation)) && !contains(body, Borrowed(n.is_weights_mi))) return Ref(body);
     Ref public_body = new_dict();
-    Ref items = call_method(body, n.items);
-    Ref iterator = Ref::checked(PyObject_GetIter(items.get()));
-    while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
-        Ref key = get_item(item, integer(0));
-        if (equals(key, Borrowed(n.correlation)) || equals(key, Borrowed(n.is_weights_mi))) continue;
-        set_item(public_body, key, get_item(item, integer(1)));
-    }
-    if (PyErr_Occurred()) propagate();
+    for_each(call_method(body, n.items), [&](Borrowed item) {
+        auto [key, value] = unpack_pair(item);
+        if (!equals(key, Borrowed(n.correlation)) && !equals(key, Borrowed(n.is_weights_mi))) {
+            set_item(public_body, key, value);
+        }
+    });
     return public_body;
 }
 

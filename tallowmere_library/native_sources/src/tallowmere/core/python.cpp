@@ -128,6 +128,10 @@ bool contains(Borrowed container, Borrowed key) {
 
 void list_append(Borrowed list, Borrowed item) { check_status(PyList_Append(list.get(), item.get())); }
 
+void list_extend(Borrowed list, Borrowed items) {
+    Ref extended = Ref::checked(PySequence_InPlaceConcat(list.get(), items.get()));
+}
+
 Py_ssize_t length(Borrowed object) {
     Py_ssize_t size = PyObject_Length(object.get());
     if (size < 0) propagate();
@@ -148,6 +152,11 @@ Ref slice(Borrowed sequence, Py_ssize_t start, Py_ssize_t stop) {
 Ref slice_to(Borrowed sequence, Borrowed stop) {
     Ref bounds = Ref::checked(PySlice_New(nullptr, stop.get(), nullptr));
     return get_item(sequence, bounds);
+}
+
+Ref only_member(Borrowed set) {
+    Ref iterator = Ref::checked(PyObject_GetIter(set.get()));
+    return Ref::checked(PyIter_Next(iterator.get()));
 }
 
 // ---- text ----------------------------------------------------------------------

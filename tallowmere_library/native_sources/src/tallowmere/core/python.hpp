@@ -86,11 +86,35 @@ Ref get_item(Borrowed container, Borrowed key);
 // key in container
 bool contains(Borrowed container, Borrowed key);
 void list_append(Borrowed list, Borrowed item);
+// list.extend(items)
+void list_extend(Borrowed list, Borrowed items);
 Py_ssize_t length(Borrowed object);
 Ref new_tuple(std::initializer_list<Borrowed> items);
 // sequence[start:stop]
 Ref slice(Borrowed sequence, Py_ssize_t start, Py_ssize_t stop);
 Ref slice_to(Borrowed sequence, Borrowed stop);
+// for item in iterable: visit(item)
+template <class Visit>
+void for_each(Borrowed iterable, Visit&& visit) {
+    Ref iterator = Ref::checked(PyObject_GetIter(iterable.get()));
+    while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) visit(Borrowed(item));
+    if (PyErr_Occurred()) propagate();
+}
+
+// The first non-empty Ref that visit(item) returns, or an empty Ref.
+template <class Visit>
+Ref find_first(Borrowed iterable, Visit&& visit) {
+    Ref iterator = Ref::checked(PyObject_GetIter(iterable.get()));
+    while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
+        if (Ref found = visit(Borrowed(item))) return found;
+    }
+    if (PyErr_Occurred()) propagate();
+    return Ref();
+}
+
+// The one member of a one-member set.
+Ref only_member(Borrowed set);
+
 // a, b = value: exactly two items, with the interpreter's unpacking errors.
 std::pair<Ref, Ref> unpack_pair(Borrowed value);
 
