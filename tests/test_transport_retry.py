@@ -86,10 +86,11 @@ def test_the_deadline_bounds_the_waiting() -> None:
     assert harness.sleeps == [8.0, 8.0]
 
 
-def test_a_post_without_an_idempotency_key_is_not_repeated() -> None:
+@pytest.mark.parametrize(("path", "final"), [("/signals/submit", 503), ("/signals/batch", 202)])
+def test_a_post_without_an_idempotency_key_is_repeated_only_to_item_keyed_routes(path: str, final: int) -> None:
     harness = Harness([status(503), status(202)])
-    assert harness.client.post("/signals/batch", content=b"{}", headers={}).status_code == 503
-    assert harness.sleeps == []
+    assert harness.client.post(path, content=b"{}", headers={}).status_code == final
+    assert len(harness.bodies) == (2 if final == 202 else 1)
 
 
 def test_an_observed_body_is_rewound_and_observed_once(caplog: pytest.LogCaptureFixture) -> None:

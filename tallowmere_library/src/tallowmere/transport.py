@@ -15,12 +15,12 @@ number and by a deadline per request. Before every attempt the request body is
 rewound, so exactly the same bytes — and the same ``Idempotency-Key`` — go
 again, and the service can recognise the repeat.
 
-A request without an ``Idempotency-Key`` header is retried only when its
-method is safe to repeat (GET, HEAD, OPTIONS, PUT, DELETE): re-sending a POST
-that the service may already have acted on is only safe when the service can
-tell it is the same request. Every signal and strategy body the client sends
-carries a key; a batch request does not (each of its items carries its own,
-so a repeated batch creates nothing twice).
+A POST is retried only when the service can tell a repeat from a new
+request: when it carries an ``Idempotency-Key`` header (every signal and
+strategy body the client sends does), or when it goes to a route whose items
+each carry their own key (``RetryPolicy.item_keyed_routes``: the batch route,
+whose repeated items are replayed, not created twice). Other methods are
+retried when they are safe to repeat (GET, HEAD, OPTIONS, PUT, DELETE).
 """
 
 from __future__ import annotations
@@ -62,6 +62,7 @@ class RetryPolicy:
     max_retry_after: float = 30.0
     deadline: float = 60.0
     retry_statuses: frozenset[int] = field(default_factory=lambda: frozenset({429, 502, 503, 504}))
+    item_keyed_routes: frozenset[str] = field(default_factory=lambda: frozenset({"/signals/batch"}))
 
     def __post_init__(self) -> None:
         if self.max_attempts < 1:
@@ -144,7 +145,11 @@ class RetryingClient:
         """
         policy = self.policy
         # A body that cannot be rewound cannot be sent twice.
-        retryable = (method.upper() in _IDEMPOTENT_METHODS or _has_idempotency_key(headers)) and _rewindable(content)
+        retryable = (
+            method.upper() in _IDEMPOTENT_METHODS
+            or _has_idempotency_key(headers)
+            or httpx.URL(url).path in policy.item_keyed_routes
+        ) and _rewindable(content)
         started = self._clock()
         attempt = 1
         while True:
