@@ -11,17 +11,17 @@ and the mapping of every item result.
 from __future__ import annotations
 
 import argparse
+import importlib.resources
 import json
 import statistics
 import time
 import tracemalloc
-from pathlib import Path
 from typing import Any
 
 from tallowmere.simulation import backtest_timing
 from tallowmere.submit import SignalServiceClient
 
-CATALOG = json.loads((Path(__file__).resolve().parent.parent / "tests" / "data" / "era_catalog.json").read_text())
+CATALOG = json.loads(importlib.resources.files("tallowmere.service").joinpath("default_eras.json").read_text())
 ERAS_ANSWER = json.dumps(CATALOG).encode()
 
 

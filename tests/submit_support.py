@@ -5,18 +5,21 @@ from __future__ import annotations
 
 import copy
 import http.server
+import importlib.resources
 import json
 import threading
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from dataclasses import dataclass, field
-from pathlib import Path
 from typing import Any
 
 from tallowmere.simulation import backtest_timing
 from tallowmere.submit import SignalServiceClient
 
-ERA_CATALOG: dict[str, Any] = json.loads((Path(__file__).parent / "data" / "era_catalog.json").read_text())
+# The catalog the reference service publishes, which is also the README's complete example.
+ERA_CATALOG: dict[str, Any] = json.loads(
+    importlib.resources.files("tallowmere.service").joinpath("default_eras.json").read_text()
+)
 BASE_URL = "http://127.0.0.1:9"
 
 # The statistics of a signal that passes every gate of the "momentum" pool for

@@ -23,7 +23,7 @@ from submit_support import ERA_CATALOG, FakeResponse, era_catalog, fake_client, 
 A, B, C = {"era_number": 1, "n": "A"}, {"era_number": 2, "n": "B"}, {"era_number": 3, "n": "C"}
 
 
-def test_documented_catalog_is_the_test_catalog() -> None:
+def test_the_readme_documents_the_published_catalog() -> None:
     doc = (Path(__file__).parent.parent / "README.md").read_text()
     block = doc.split("## A complete catalog")[1].split("```json")[1].split("```")[0]
     assert json.loads(block) == ERA_CATALOG
