@@ -132,9 +132,7 @@ def _submit(
             first.candidate.graph,
             NAMED_UNIVERSE,
             signal_pool_name=SIGNAL_POOL,
-            is_stats=dict(simulation.is_stats),
-            is_pnl_mi=simulation.is_pnl_mi,
-            expression_elapsed_seconds=simulation.expression_elapsed_seconds,
+            **simulation.submission_kwargs(),
         )
     first.route, first.submission_id = "alone", alone.submission_id
     if not alone.ok:
