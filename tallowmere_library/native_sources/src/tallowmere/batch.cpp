@@ -14,8 +14,8 @@ namespace {
 constexpr long batch_accepted_status = 202;
 constexpr long batch_multi_status = 207;
 
-Ref batch_result(const Module& m, Borrowed status_code, Borrowed body, Borrowed accepted, Borrowed failed,
-                 Borrowed results, Borrowed error) {
+Ref batch_result(const Module& m, const Ref& status_code, const Ref& body, const Ref& accepted, const Ref& failed,
+                 const Ref& results, const Ref& error) {
     const Names& n = m.n;
     return call_global_kw(m, n.BatchSubmitResult, {},
                           {{n.status_code, status_code},
@@ -27,10 +27,10 @@ Ref batch_result(const Module& m, Borrowed status_code, Borrowed body, Borrowed 
 }
 
 // sum(1 for item in results if item.status_code == 202)
-long long accepted_count(const Module& m, Borrowed results) {
+long long accepted_count(const Module& m, const Ref& results) {
     Ref accepted_status = integer(batch_accepted_status);
     long long accepted = 0;
-    for_each(results, [&](Borrowed item) {
+    for_each(results, [&](const Ref& item) {
         if (equals(getattr(item, m.n.status_code), accepted_status)) ++accepted;
     });
     return accepted;
@@ -41,7 +41,7 @@ long long accepted_count(const Module& m, Borrowed results) {
 constexpr auto batch_item_result_from_body_signature = signature(
     "SignalServiceClient._batch_item_result_from_body", Binding::static_method, nullptr, param("item"));
 
-Ref batch_item_result_from_body(const Module& m, Borrowed item) {
+Ref batch_item_result_from_body(const Module& m, const Ref& item) {
     const Names& n = m.n;
     Ref body = mapping_get(item, n.body);
     if (!is_dict(body)) body = Ref(none());
@@ -70,12 +70,12 @@ constexpr auto batch_result_from_body_signature =
     signature("SignalServiceClient._batch_result_from_body", Binding::class_method, nullptr, param("cls"),
               param("status_code"), param("body"), keyword_only("error", none_default));
 
-Ref batch_result_from_body(const Module& m, Borrowed cls, Borrowed status_code, Borrowed body, Borrowed error) {
+Ref batch_result_from_body(const Module& m, const Ref& cls, const Ref& status_code, const Ref& body, const Ref& error) {
     const Names& n = m.n;
     Ref raw_results = mapping_get(body, n.results);
     Ref results = new_list();
     if (is_list(raw_results)) {
-        for_each(raw_results, [&](Borrowed element) {
+        for_each(raw_results, [&](const Ref& element) {
             if (is_dict(element)) list_append(results, call_method(cls, n._batch_item_result_from_body, element));
         });
     }
@@ -91,7 +91,7 @@ Ref batch_result_from_body(const Module& m, Borrowed cls, Borrowed status_code, 
 constexpr auto batch_body_item_from_result_signature = signature(
     "SignalServiceClient._batch_body_item_from_result", Binding::static_method, nullptr, param("item"));
 
-Ref batch_body_item_from_result(const Module& m, Borrowed item) {
+Ref batch_body_item_from_result(const Module& m, const Ref& item) {
     const Names& n = m.n;
     Ref out = new_dict();
     set_item(out, Borrowed(n.index), getattr(item, n.index));
@@ -104,12 +104,12 @@ Ref batch_body_item_from_result(const Module& m, Borrowed item) {
 constexpr auto batch_http_status_for_items_signature = signature(
     "SignalServiceClient._batch_http_status_for_items", Binding::static_method, nullptr, param("results"));
 
-Ref batch_http_status_for_items(const Module& m, Borrowed results) {
+Ref batch_http_status_for_items(const Module& m, const Ref& results) {
     long long accepted = accepted_count(m, results);
     long long failed = static_cast<long long>(length(results)) - accepted;
     if (failed == 0) return integer(batch_accepted_status);
     Ref unique_statuses = Ref::checked(PySet_New(nullptr));
-    for_each(results, [&](Borrowed item) {
+    for_each(results, [&](const Ref& item) {
         check_status(PySet_Add(unique_statuses.get(), getattr(item, m.n.status_code).get()));
     });
     if (accepted == 0 && PySet_GET_SIZE(unique_statuses.get()) == 1) return only_member(unique_statuses);
@@ -118,9 +118,9 @@ Ref batch_http_status_for_items(const Module& m, Borrowed results) {
 
 // ---- merging chunks -----------------------------------------------------------------------
 
-Ref synthesised_results(const Module& m, Borrowed cls, Borrowed results) {
+Ref synthesised_results(const Module& m, const Ref& cls, const Ref& results) {
     Ref items = new_list();
-    for_each(results, [&](Borrowed item) {
+    for_each(results, [&](const Ref& item) {
         list_append(items, call_method(cls, m.n._batch_body_item_from_result, item));
     });
     return items;
@@ -130,12 +130,12 @@ constexpr auto combine_batch_chunk_results_signature = signature(
     "SignalServiceClient._combine_batch_chunk_results", Binding::class_method, nullptr, param("cls"),
     param("chunk_results"));
 
-Ref combine_batch_chunk_results(const Module& m, Borrowed cls, Borrowed chunk_results) {
+Ref combine_batch_chunk_results(const Module& m, const Ref& cls, const Ref& chunk_results) {
     const Names& n = m.n;
     Ref results = new_list();
     Ref accepted = integer(0), failed = integer(0);
     Ref chunk_statuses = Ref::checked(PySet_New(nullptr));
-    for_each(chunk_results, [&](Borrowed chunk_result) {
+    for_each(chunk_results, [&](const Ref& chunk_result) {
         accepted = Ref::checked(PyNumber_Add(accepted.get(), getattr(chunk_result, n.accepted).get()));
         failed = Ref::checked(PyNumber_Add(failed.get(), getattr(chunk_result, n.failed).get()));
         check_status(PySet_Add(chunk_statuses.get(), getattr(chunk_result, n.status_code).get()));
@@ -165,8 +165,8 @@ constexpr auto batch_result_with_partial_failure_signature =
     signature("SignalServiceClient._batch_result_with_partial_failure", Binding::class_method, nullptr,
               param("cls"), param("failure"), param("prior_results"), param("total_count"));
 
-Ref batch_result_with_partial_failure(const Module& m, Borrowed cls, Borrowed failure, Borrowed prior_results,
-                                      Borrowed total_count) {
+Ref batch_result_with_partial_failure(const Module& m, const Ref& cls, const Ref& failure, const Ref& prior_results,
+                                      const Ref& total_count) {
     const Names& n = m.n;
     long long accepted = accepted_count(m, prior_results);
     long long prior_count = static_cast<long long>(length(prior_results));
@@ -195,9 +195,9 @@ constexpr auto rebase_batch_item_indices_signature =
     signature("SignalServiceClient._rebase_batch_item_indices", Binding::static_method, nullptr, param("result"),
               param("index_offset"));
 
-Ref rebase_batch_item_indices(const Module& m, Borrowed result, Borrowed index_offset) {
+Ref rebase_batch_item_indices(const Module& m, const Ref& result, const Ref& index_offset) {
     if (equals(index_offset, integer(0))) return Ref(none());
-    for_each(getattr(result, m.n.results), [&](Borrowed item) {
+    for_each(getattr(result, m.n.results), [&](const Ref& item) {
         Ref index = getattr(item, m.n.index);
         if (!is_exact_int(index)) return;
         setattr(item, m.n.index, Ref::checked(PyNumber_Add(index.get(), index_offset.get())));
@@ -211,7 +211,7 @@ constexpr auto batch_result_from_response_error_signature =
     signature("SignalServiceClient._batch_result_from_response_error", Binding::class_method, nullptr,
               param("cls"), param("exc"));
 
-Ref batch_result_from_response_error(const Module& m, Borrowed cls, Borrowed exc) {
+Ref batch_result_from_response_error(const Module& m, const Ref& cls, const Ref& exc) {
     auto [error, body] = unpack_pair(call_method(cls, m.n._error_body_from_response_error, exc));
     Ref zero = integer(0);
     return batch_result(m, getattr(exc, m.n.status_code), body, zero, zero, new_list(), error);
@@ -220,7 +220,7 @@ Ref batch_result_from_response_error(const Module& m, Borrowed cls, Borrowed exc
 constexpr auto batch_result_from_transport_error_signature = signature(
     "SignalServiceClient._batch_result_from_transport_error", Binding::static_method, nullptr, param("exc"));
 
-Ref batch_result_from_transport_error(const Module& m, Borrowed exc) {
+Ref batch_result_from_transport_error(const Module& m, const Ref& exc) {
     Ref zero = integer(0);
     return batch_result(m, zero, none(), zero, zero, new_list(), transport_error_text(m, exc));
 }
@@ -241,7 +241,7 @@ constexpr auto submit_signals_batch_signature = signature(
 
 // The body of one item after the first pass: a copy of the caller's dict with
 // its universe validated and its pool checked.
-Ref validated_body(const Module& m, Borrowed item) {
+Ref validated_body(const Module& m, const Ref& item) {
     const Names& n = m.n;
     Ref body = call(Borrowed(reinterpret_cast<PyObject*>(&PyDict_Type)), item);
     call_global(m, n._reject_retired_universe_aliases, body);
@@ -256,7 +256,7 @@ Ref validated_body(const Module& m, Borrowed item) {
 }
 
 // The second pass over one body: era, thresholds, contract, gates, key.
-void prepare_body(const Module& m, Borrowed self, Borrowed body) {
+void prepare_body(const Module& m, const Ref& self, const Ref& body) {
     const Names& n = m.n;
     Ref named_universe = get_item(body, Borrowed(n.named_universe));
     Ref signal_pool_name = mapping_get(body, n.signal_pool_name);
@@ -294,24 +294,24 @@ void prepare_body(const Module& m, Borrowed self, Borrowed body) {
     }
 }
 
-Ref signals_document(const Module& m, Borrowed bodies) {
+Ref signals_document(const Module& m, const Ref& bodies) {
     Ref document = new_dict();
     set_item(document, Borrowed(m.n.signals), bodies);
     return document;
 }
 
-Ref submit_signals_batch(const Module& m, Borrowed self, Borrowed submissions) {
+Ref submit_signals_batch(const Module& m, const Ref& self, const Ref& submissions) {
     const Names& n = m.n;
     // Shape first: nothing else happens until every item is a dict.
     if (!PyList_Check(submissions.get()) && !PyTuple_Check(submissions.get())) {
         raise_value_error("submissions must be a list or tuple of dicts");
     }
-    for_each(submissions, [&](Borrowed item) {
+    for_each(submissions, [&](const Ref& item) {
         if (!is_dict(item)) raise_value_error("each batch submission must be a dict");
     });
 
     Ref graphs = new_list(), validated_bodies = new_list();
-    for_each(submissions, [&](Borrowed item) {
+    for_each(submissions, [&](const Ref& item) {
         Ref body = validated_body(m, item);
         list_append(graphs, mapping_get(body, n.graph));
         list_append(validated_bodies, body);
@@ -319,7 +319,7 @@ Ref submit_signals_batch(const Module& m, Borrowed self, Borrowed submissions) {
     call_method(m.global(n._backtest_timing), n.require_recorded_backtest_timings, graphs);
 
     Ref prepared = new_list();
-    for_each(validated_bodies, [&](Borrowed body) {
+    for_each(validated_bodies, [&](const Ref& body) {
         prepare_body(m, self, body);
         list_append(prepared, body);
     });
@@ -328,7 +328,7 @@ Ref submit_signals_batch(const Module& m, Borrowed self, Borrowed submissions) {
     Ref total = integer(PyList_GET_SIZE(prepared.get()));
 
     // One request, or one chunk of them; `on_failure` maps what the handlers take.
-    auto send = [&](Borrowed bodies, Ref& status_code, Ref& resp_body, auto&& on_failure) {
+    auto send = [&](const Ref& bodies, Ref& status_code, Ref& resp_body, auto&& on_failure) {
         return request_or_mapped_failure(m, self, {Borrowed(n.POST), Borrowed(n.signals_batch), signals_document(m, bodies)},
                                          status_code, resp_body, on_failure);
     };
@@ -361,7 +361,7 @@ Ref submit_signals_batch(const Module& m, Borrowed self, Borrowed submissions) {
     Ref chunk_results = new_list(), prior_results = new_list();
     Ref starts = call(Borrowed(reinterpret_cast<PyObject*>(&PyRange_Type)), integer(0), total, chunk_size);
     Ref partial_failure;
-    for_each(starts, [&](Borrowed start) {
+    for_each(starts, [&](const Ref& start) {
         if (partial_failure) return;
         Ref stop = Ref::checked(PyNumber_Add(start.get(), chunk_size.get()));
         Ref bounds = Ref::checked(PySlice_New(start.get(), stop.get(), nullptr));

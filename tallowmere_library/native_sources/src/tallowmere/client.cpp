@@ -11,11 +11,11 @@ namespace {
 
 constexpr auto init_signature = signature(
     "SignalServiceClient.__init__", Binding::instance_method, nullptr, param("base_url"), param("jwt_token"),
-    keyword_only("timeout", constant_default(&ModuleState::default_timeout, "30.0")),
+    keyword_only("timeout", constant_default<&ModuleState::default_timeout>("30.0")),
     keyword_only("transport", none_default), keyword_only("transmission_observer", none_default));
 
-Ref init(const Module& m, Borrowed self, Borrowed base_url, Borrowed jwt_token, Borrowed timeout,
-         Borrowed transport, Borrowed transmission_observer) {
+Ref init(const Module& m, const Ref& self, const Ref& base_url, const Ref& jwt_token, const Ref& timeout,
+         const Ref& transport, const Ref& transmission_observer) {
     const Names& n = m.n;
     call_global(m, n.validate_bearer_transport_url, base_url);
     setattr(self, n._base_url, base_url);
@@ -40,7 +40,7 @@ Ref init(const Module& m, Borrowed self, Borrowed base_url, Borrowed jwt_token, 
 constexpr auto close_signature = signature("SignalServiceClient.close", Binding::instance_method,
                                            "Close the HTTP client (a caller's transport only if it has close()).");
 
-Ref close(const Module& m, Borrowed self) {
+Ref close(const Module& m, const Ref& self) {
     Ref client = getattr(self, m.n._client);
     Ref close_method = getattr_or(client, m.n.close, none());
     if (PyCallable_Check(close_method.get())) call(close_method);
@@ -50,7 +50,7 @@ Ref close(const Module& m, Borrowed self) {
 constexpr auto response_content_signature =
     signature("SignalServiceClient._response_content", Binding::instance_method, nullptr, param("response"));
 
-Ref response_content(const Module& m, Borrowed, Borrowed response) {
+Ref response_content(const Module& m, Borrowed, const Ref& response) {
     const Names& n = m.n;
     Ref content = getattr_or(response, n.content, none());
     if (is_bytes(content)) return content;
@@ -64,7 +64,7 @@ Ref response_content(const Module& m, Borrowed, Borrowed response) {
 }
 
 // The path and query of `url` as httpx.URL gives them ("/" when empty).
-Ref parse_request_path(const Module& m, Borrowed url_class, Borrowed url) {
+Ref parse_request_path(const Module& m, const Ref& url_class, const Ref& url) {
     Ref raw = getattr(call(url_class, url), m.n.raw_path);
     if (is_bytes(raw)) raw = call_method(raw, m.n.decode, Borrowed(m.n.ascii));
     return truthy(raw) ? raw : Ref(Borrowed(m.n.slash));
@@ -74,7 +74,7 @@ Ref parse_request_path(const Module& m, Borrowed url_class, Borrowed url) {
 // import; any other parser is called every time.
 constexpr Py_ssize_t remembered_paths_limit = 1024;
 
-Ref request_path(const Module& m, Borrowed url) {
+Ref request_path(const Module& m, const Ref& url) {
     ModuleState& state = m.state();
     Ref url_class = getattr(m.global(m.n.httpx), m.n.URL);
     if (!url_class.is(Borrowed(state.raw_path_parser)) || !PyUnicode_CheckExact(url.get())) {
@@ -93,8 +93,8 @@ constexpr auto transport_request_signature =
     signature("SignalServiceClient._transport_request", Binding::instance_method, nullptr, param("method"),
               param("url"), param("headers"), param("body_content"));
 
-Ref transport_request(const Module& m, Borrowed self, Borrowed method, Borrowed url, Borrowed headers,
-                      Borrowed body_content) {
+Ref transport_request(const Module& m, const Ref& self, const Ref& method, const Ref& url, const Ref& headers,
+                      const Ref& body_content) {
     const Names& n = m.n;
     Ref path = request_path(m, url);
 
@@ -128,7 +128,7 @@ constexpr auto canonical_request_signature =
     signature("SignalServiceClient._canonical_request", Binding::instance_method, nullptr, param("method"),
               param("endpoint"), param("body", none_default));
 
-Ref canonical_request(const Module& m, Borrowed self, Borrowed method, Borrowed endpoint, Borrowed body) {
+Ref canonical_request(const Module& m, const Ref& self, const Ref& method, const Ref& endpoint, const Ref& body) {
     const Names& n = m.n;
     Ref get_token = Ref::checked(PyCFunction_New(&read_token_def, self.get()));
     return call_global_kw(m, n._request_json, {method, endpoint, get_token, getattr(self, n._base_url), body},

@@ -20,7 +20,7 @@ constexpr const char caller_thresholds_message[] =
 constexpr auto mi_contract_json_value_signature =
     signature("_mi_contract_json_value", Binding::module_function, nullptr, param("value"));
 
-Ref mi_contract_json_value(const Module& m, Borrowed value) {
+Ref mi_contract_json_value(const Module& m, const Ref& value) {
     const Names& n = m.n;
     Ref v = call_global(m, n._coerce_mi_contract_value, value);
     Ref math = m.global(n.math);
@@ -36,8 +36,8 @@ Ref mi_contract_json_value(const Module& m, Borrowed value) {
 constexpr auto stat_metric_signature =
     signature("_stat_metric", Binding::module_function, nullptr, param("is_stats"), param("keys"));
 
-Ref stat_metric(const Module& m, Borrowed is_stats, Borrowed keys) {
-    Ref metric = find_first(keys, [&](Borrowed key) -> Ref {
+Ref stat_metric(const Module& m, const Ref& is_stats, const Ref& keys) {
+    Ref metric = find_first(keys, [&](const Ref& key) -> Ref {
         Ref value = mapping_get(is_stats, key);
         if (!truthy(call_global(m, m.n._is_finite_number, value))) return Ref();
         return is_exact_float(value) ? value : Ref::checked(PyNumber_Float(value.get()));
@@ -49,7 +49,7 @@ constexpr auto reject_caller_threshold_authority_signature =
     signature("_reject_caller_threshold_authority", Binding::module_function, nullptr,
               param("threshold_checks", none_default), param("thresholds", none_default));
 
-Ref reject_caller_threshold_authority(const Module&, Borrowed threshold_checks, Borrowed thresholds) {
+Ref reject_caller_threshold_authority(const Module&, const Ref& threshold_checks, const Ref& thresholds) {
     if (threshold_checks.is_none() && thresholds.is_none()) return Ref(none());
     raise_value_error(caller_thresholds_message);
 }
@@ -58,7 +58,7 @@ constexpr auto validate_submission_thresholds_signature =
     signature("_validate_submission_thresholds", Binding::module_function, nullptr, param("is_stats"),
               param("is_pnl_mi"), param("thresholds", none_default));
 
-Ref validate_submission_thresholds(const Module& m, Borrowed is_stats, Borrowed is_pnl_mi, Borrowed thresholds) {
+Ref validate_submission_thresholds(const Module& m, const Ref& is_stats, const Ref& is_pnl_mi, const Ref& thresholds) {
     const Names& n = m.n;
     if (thresholds.is_none()) return Ref(none());
     if (!is_dict(thresholds)) raise_value_error("thresholds must be a dict");
@@ -96,7 +96,7 @@ Ref validate_submission_thresholds(const Module& m, Borrowed is_stats, Borrowed 
 constexpr auto validate_optional_manifest_int_signature = signature(
     "_validate_optional_manifest_int", Binding::module_function, nullptr, param("value"), param("field_name"));
 
-Ref validate_optional_manifest_int(const Module&, Borrowed value, Borrowed field_name) {
+Ref validate_optional_manifest_int(const Module&, const Ref& value, const Ref& field_name) {
     if (value.is_none()) return Ref(none());
     if (is_bool(value) || !is_exact_int(value) || compare(value, integer(0), Py_LE)) {
         raise_value_error(concat({format(field_name), text(" must be a positive integer")}));
@@ -107,7 +107,7 @@ Ref validate_optional_manifest_int(const Module&, Borrowed value, Borrowed field
 constexpr auto submission_is_stats_payload_signature =
     signature("_submission_is_stats_payload", Binding::module_function, nullptr, param("is_stats"));
 
-Ref submission_is_stats_payload(const Module& m, Borrowed is_stats) {
+Ref submission_is_stats_payload(const Module& m, const Ref& is_stats) {
     Ref payload = call(Borrowed(reinterpret_cast<PyObject*>(&PyDict_Type)), is_stats);
     call_method(payload, m.n.pop, Borrowed(m.n._threshold_checks), none());
     return payload;
@@ -117,9 +117,9 @@ Ref submission_is_stats_payload(const Module& m, Borrowed is_stats) {
 
 constexpr auto validate_selected_pool_name_signature =
     signature("_validate_selected_pool_name", Binding::module_function, nullptr, param("value"),
-              param("field_name", constant_default(&ModuleState::default_pool_field_name, "'signal_pool_name'")));
+              param("field_name", constant_default<&ModuleState::default_pool_field_name>("'signal_pool_name'")));
 
-Ref validate_selected_pool_name(const Module&, Borrowed value, Borrowed field_name) {
+Ref validate_selected_pool_name(const Module&, const Ref& value, const Ref& field_name) {
     if (!is_str(value) || PyUnicode_GET_LENGTH(value.get()) == 0) {
         raise_value_error(concat({format(field_name), text(" must be a non-empty string")}));
     }
@@ -150,7 +150,7 @@ Ref configured_named_universe(const Module& m) {
         });
 }
 
-Ref validate_named_universe(const Module& m, Borrowed value) {
+Ref validate_named_universe(const Module& m, const Ref& value) {
     const Names& n = m.n;
     Ref named_universe = call_global(m, n._normalize_named_universe, value);
     if (!truthy(named_universe)) named_universe = configured_named_universe(m);
@@ -164,10 +164,10 @@ Ref validate_named_universe(const Module& m, Borrowed value) {
 constexpr auto reject_retired_universe_aliases_signature =
     signature("_reject_retired_universe_aliases", Binding::module_function, nullptr, param("body"));
 
-Ref reject_retired_universe_aliases(const Module& m, Borrowed body) {
+Ref reject_retired_universe_aliases(const Module& m, const Ref& body) {
     if (!is_dict(body)) return Ref(none());
     Ref aliases = m.global(m.n._RETIRED_UNIVERSE_ALIAS_KEYS);
-    for_each(aliases, [&](Borrowed key) {
+    for_each(aliases, [&](const Ref& key) {
         if (contains(body, key)) raise_value_error(concat({format(key), text(" is retired; submit named_universe")}));
     });
     return Ref(none());
@@ -181,10 +181,10 @@ constexpr auto validate_submission_contract_signature = signature(
     param("client_manifest_version", none_default), param("client_manifest_market_id", none_default),
     param("client_manifest_era_number", none_default));
 
-Ref validate_submission_contract(const Module& m, Borrowed signal_pool_name, Borrowed is_stats, Borrowed is_pnl_mi,
-                                 Borrowed expression_elapsed_seconds, Borrowed thresholds,
-                                 Borrowed client_manifest_version, Borrowed client_manifest_market_id,
-                                 Borrowed client_manifest_era_number) {
+Ref validate_submission_contract(const Module& m, const Ref& signal_pool_name, const Ref& is_stats, const Ref& is_pnl_mi,
+                                 const Ref& expression_elapsed_seconds, const Ref& thresholds,
+                                 const Ref& client_manifest_version, const Ref& client_manifest_market_id,
+                                 const Ref& client_manifest_era_number) {
     const Names& n = m.n;
     call_global(m, n._validate_selected_pool_name, signal_pool_name, Borrowed(n.signal_pool_name));
     if (!is_dict(is_stats)) raise_value_error("is_stats must be a dict");
@@ -218,10 +218,10 @@ Ref validate_submission_contract(const Module& m, Borrowed signal_pool_name, Bor
 constexpr auto idempotency_key_for_body_signature = signature(
     "SignalServiceClient._idempotency_key_for_body", Binding::static_method, nullptr, param("body"));
 
-Ref idempotency_key_for_body(const Module& m, Borrowed body) {
+Ref idempotency_key_for_body(const Module& m, const Ref& body) {
     const Names& n = m.n;
     Ref payload = new_dict();
-    for_each(call_method(body, n.items), [&](Borrowed item) {
+    for_each(call_method(body, n.items), [&](const Ref& item) {
         auto [key, value] = unpack_pair(item);
         if (compare(key, Borrowed(n.idempotency_key), Py_NE)) set_item(payload, key, value);
     });

@@ -15,7 +15,7 @@ namespace {
 constexpr auto field_value_signature = signature("_field_value", Binding::module_function, nullptr, param("value"),
                                                  param("key"), param("default", none_default));
 
-Ref field_value(const Module&, Borrowed value, Borrowed key, Borrowed fallback) {
+Ref field_value(const Module&, const Ref& value, const Ref& key, const Ref& fallback) {
     if (is_dict(value)) return mapping_get_or(value, key, fallback);
     if (!PyUnicode_Check(key.get())) {
         PyErr_Format(PyExc_TypeError, "attribute name must be string, not '%.200s'", Py_TYPE(key.get())->tp_name);
@@ -27,7 +27,7 @@ Ref field_value(const Module&, Borrowed value, Borrowed key, Borrowed fallback) 
 constexpr auto mapping_lookup_signature =
     signature("_mapping_lookup", Binding::module_function, nullptr, param("mapping"), param("key"));
 
-Ref mapping_lookup(const Module&, Borrowed mapping, Borrowed key) {
+Ref mapping_lookup(const Module&, const Ref& mapping, const Ref& key) {
     if (!is_dict(mapping)) return Ref(none());
     if (contains(mapping, key)) return get_item(mapping, key);
     Ref key_text = str(key);
@@ -38,7 +38,7 @@ Ref mapping_lookup(const Module&, Borrowed mapping, Borrowed key) {
 constexpr auto coerce_optional_int_signature =
     signature("_coerce_optional_int", Binding::module_function, nullptr, param("value"));
 
-Ref coerce_optional_int(const Module&, Borrowed value) {
+Ref coerce_optional_int(const Module&, const Ref& value) {
     if (is_bool(value) || value.is_none()) return Ref(none());
     return try_except([&] { return to_int(value); },
                       [&](const Caught& caught) -> Ref {
@@ -50,11 +50,11 @@ Ref coerce_optional_int(const Module&, Borrowed value) {
 }
 
 // Module-global versions, looked up at call time.
-Ref field_of(const Module& m, Borrowed era, PyObject* key, Borrowed fallback = none()) {
+Ref field_of(const Module& m, const Ref& era, PyObject* key, const Ref& fallback = none()) {
     return call_global(m, m.n._field_value, era, Borrowed(key), fallback);
 }
 
-Ref coerced_int(const Module& m, Borrowed value) { return call_global(m, m.n._coerce_optional_int, value); }
+Ref coerced_int(const Module& m, const Ref& value) { return call_global(m, m.n._coerce_optional_int, value); }
 
 // ---- finding the era --------------------------------------------------------------------
 
@@ -63,7 +63,7 @@ constexpr auto active_era_from_catalog_signature =
               param("market_id", none_default), param("era_number", none_default));
 
 // The candidate eras of a catalog (steps 2 and 3 of the lookup).
-Ref candidate_eras(const Module& m, Borrowed catalog, Borrowed market_id) {
+Ref candidate_eras(const Module& m, const Ref& catalog, const Ref& market_id) {
     const Names& n = m.n;
     Ref eras_by_market = mapping_get(catalog, n.eras_by_market);
     if (!truthy(eras_by_market)) eras_by_market = mapping_get(catalog, n.market_era_groups);
@@ -75,7 +75,7 @@ Ref candidate_eras(const Module& m, Borrowed catalog, Borrowed market_id) {
     }
     if (is_dict(eras_by_market)) {
         Ref grouped = new_list();
-        for_each(call_method(eras_by_market, n.values), [&](Borrowed group) {
+        for_each(call_method(eras_by_market, n.values), [&](const Ref& group) {
             if (is_list(group)) list_extend(grouped, group);
         });
         if (length(grouped) > 0) return grouped;
@@ -83,7 +83,7 @@ Ref candidate_eras(const Module& m, Borrowed catalog, Borrowed market_id) {
     return mapping_get(catalog, n.eras);
 }
 
-Ref active_era_from_catalog(const Module& m, Borrowed catalog, Borrowed market_id, Borrowed era_number) {
+Ref active_era_from_catalog(const Module& m, const Ref& catalog, const Ref& market_id, const Ref& era_number) {
     const Names& n = m.n;
     if (!is_dict(catalog)) return Ref(none());
     Ref eras = candidate_eras(m, catalog, market_id);
@@ -133,7 +133,7 @@ constexpr auto required_active_submit_era_signature =
     signature("_required_active_submit_era", Binding::module_function, nullptr, param("catalog"),
               param("market_id", none_default), param("era_number", none_default));
 
-Ref required_active_submit_era(const Module& m, Borrowed catalog, Borrowed market_id, Borrowed era_number) {
+Ref required_active_submit_era(const Module& m, const Ref& catalog, const Ref& market_id, const Ref& era_number) {
     Ref era = call_global_kw(m, m.n._active_era_from_catalog, {catalog},
                              {{m.n.market_id, market_id}, {m.n.era_number, era_number}});
     if (era.is_none()) raise_value_error("era config unavailable: /eras returned no active era");
@@ -145,7 +145,7 @@ Ref required_active_submit_era(const Module& m, Borrowed catalog, Borrowed marke
 constexpr auto required_positive_era_int_signature = signature(
     "_required_positive_era_int", Binding::module_function, nullptr, param("era"), param("field_name"));
 
-Ref required_positive_era_int(const Module& m, Borrowed era, Borrowed field_name) {
+Ref required_positive_era_int(const Module& m, const Ref& era, const Ref& field_name) {
     Ref value = call_global(m, m.n._field_value, era, field_name);
     if (is_bool(value) || !is_exact_int(value) || compare(value, integer(0), Py_LE)) {
         raise_value_error(concat({text("era config field "), format(field_name), text(" must be a positive integer")}));
@@ -156,7 +156,7 @@ Ref required_positive_era_int(const Module& m, Borrowed era, Borrowed field_name
 constexpr auto required_era_frequency_signature =
     signature("_required_era_frequency", Binding::module_function, nullptr, param("era"));
 
-Ref required_era_frequency(const Module& m, Borrowed era) {
+Ref required_era_frequency(const Module& m, const Ref& era) {
     Ref value = field_of(m, era, m.n.frequency);
     if (!is_str(value) || equals(call_method(value, m.n.strip), Borrowed(m.state().empty_text))) {
         raise_value_error("era config field frequency must be a non-empty string");
@@ -167,7 +167,7 @@ Ref required_era_frequency(const Module& m, Borrowed era) {
 constexpr auto projection_signature = signature("_simulation_data_contract_projection_from_era",
                                                 Binding::module_function, nullptr, param("era"));
 
-Ref simulation_data_contract_projection_from_era(const Module& m, Borrowed era) {
+Ref simulation_data_contract_projection_from_era(const Module& m, const Ref& era) {
     Ref projection = field_of(m, era, m.n.simulation_data_contract_projection);
     if (projection.is_none()) return projection;
     if (is_dict(projection)) return call(Borrowed(reinterpret_cast<PyObject*>(&PyDict_Type)), projection);

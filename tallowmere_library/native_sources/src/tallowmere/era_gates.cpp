@@ -15,22 +15,22 @@ constexpr double era_catalog_max_age_seconds = 60.0;
 constexpr const char missing_timing_message[] =
     "recorded backtest timing is required before submit; run simulate_signal for this graph before submitting it";
 
-Ref field_of(const Module& m, Borrowed value, PyObject* key) {
+Ref field_of(const Module& m, const Ref& value, PyObject* key) {
     return call_global(m, m.n._field_value, value, Borrowed(key));
 }
 
-Ref positive_era_int(const Module& m, Borrowed era, PyObject* field_name) {
+Ref positive_era_int(const Module& m, const Ref& era, PyObject* field_name) {
     return call_global(m, m.n._required_positive_era_int, era, Borrowed(field_name));
 }
 
-bool is_list_or_tuple(Borrowed value) { return PyList_Check(value.get()) || PyTuple_Check(value.get()); }
+bool is_list_or_tuple(const Ref& value) { return PyList_Check(value.get()) || PyTuple_Check(value.get()); }
 
 // ---- graph complexity -----------------------------------------------------------------
 
 constexpr auto enforce_graph_complexity_signature = signature(
     "_enforce_graph_complexity_for_submit", Binding::module_function, nullptr, param("graph"), param("era"));
 
-Ref enforce_graph_complexity_for_submit(const Module& m, Borrowed graph, Borrowed era) {
+Ref enforce_graph_complexity_for_submit(const Module& m, const Ref& graph, const Ref& era) {
     const Names& n = m.n;
     Ref max_depth = positive_era_int(m, era, n.max_depth);
     Ref max_node_count = positive_era_int(m, era, n.max_node_count);
@@ -53,7 +53,7 @@ Ref enforce_graph_complexity_for_submit(const Module& m, Borrowed graph, Borrowe
 constexpr auto enforce_recorded_timing_signature = signature(
     "_enforce_recorded_backtest_timing_for_submit", Binding::module_function, nullptr, param("graph"), param("era"));
 
-Ref enforce_recorded_backtest_timing_for_submit(const Module& m, Borrowed graph, Borrowed era) {
+Ref enforce_recorded_backtest_timing_for_submit(const Module& m, const Ref& graph, const Ref& era) {
     const Names& n = m.n;
     Ref timing = m.global(n._backtest_timing);
     Ref record = call_method(timing, n.consume_recorded_backtest_timing, graph);
@@ -81,7 +81,7 @@ Ref enforce_recorded_backtest_timing_for_submit(const Module& m, Borrowed graph,
 
 // A rule reference equals a rule id as integers when both read as integers,
 // otherwise as text.
-bool rule_matches(const Module& m, Borrowed candidate, Borrowed rule_id) {
+bool rule_matches(const Module& m, const Ref& candidate, const Ref& rule_id) {
     if (candidate.is_none() || rule_id.is_none()) return false;
     Ref a = call_global(m, m.n._coerce_optional_int, candidate);
     Ref b = call_global(m, m.n._coerce_optional_int, rule_id);
@@ -92,15 +92,15 @@ bool rule_matches(const Module& m, Borrowed candidate, Borrowed rule_id) {
 constexpr auto rule_id_for_named_universe_signature = signature(
     "_rule_id_for_named_universe", Binding::module_function, nullptr, param("era"), param("named_universe"));
 
-Ref rule_id_for_named_universe(const Module& m, Borrowed era, Borrowed named_universe) {
+Ref rule_id_for_named_universe(const Module& m, const Ref& era, const Ref& named_universe) {
     const Names& n = m.n;
     Ref rules = field_of(m, era, n.universe_rules);
     if (!is_list_or_tuple(rules)) return Ref(none());
-    Ref found = find_first(rules, [&](Borrowed rule) -> Ref {
+    Ref found = find_first(rules, [&](const Ref& rule) -> Ref {
         Ref rule_id = field_of(m, rule, n.rule_id);
         Ref universes = field_of(m, rule, n.universes);
         if (rule_id.is_none() || !is_list_or_tuple(universes)) return Ref();
-        return find_first(universes, [&](Borrowed entry) -> Ref {
+        return find_first(universes, [&](const Ref& entry) -> Ref {
             if (is_str(entry)) return equals(entry, named_universe) ? rule_id : Ref();
             for (PyObject* key : {n.name, n.id}) {
                 Ref candidate = field_of(m, entry, key);
@@ -115,7 +115,7 @@ Ref rule_id_for_named_universe(const Module& m, Borrowed era, Borrowed named_uni
 constexpr auto signal_is_thresholds_for_pool_signature = signature(
     "_signal_is_thresholds_for_pool", Binding::module_function, nullptr, param("pool"), param("rule_id"));
 
-Ref signal_is_thresholds_for_pool(const Module& m, Borrowed pool, Borrowed rule_id) {
+Ref signal_is_thresholds_for_pool(const Module& m, const Ref& pool, const Ref& rule_id) {
     const Names& n = m.n;
     Ref entries = field_of(m, pool, n.signal_is_thresholds);
     if (is_dict(entries)) {
@@ -123,14 +123,14 @@ Ref signal_is_thresholds_for_pool(const Module& m, Borrowed pool, Borrowed rule_
         return is_dict(entry) ? entry : Ref(none());
     }
     if (!is_list_or_tuple(entries)) return Ref(none());
-    Ref found = find_first(entries, [&](Borrowed entry) -> Ref {
+    Ref found = find_first(entries, [&](const Ref& entry) -> Ref {
         if (!is_dict(entry)) return Ref();
         for (PyObject* key : {n.universe_rule_id, n.rule_id}) {
             if (rule_matches(m, field_of(m, entry, key), rule_id)) return Ref(entry);
         }
         Ref universes = field_of(m, entry, n.universes);
         if (!is_list_or_tuple(universes)) return Ref();
-        return find_first(universes, [&](Borrowed candidate) -> Ref {
+        return find_first(universes, [&](const Ref& candidate) -> Ref {
             return rule_matches(m, candidate, rule_id) ? Ref(entry) : Ref();
         });
     });
@@ -143,7 +143,7 @@ constexpr auto thresholds_from_catalog_signature =
               param("era_number", none_default));
 
 // The first of `keys` that `source` holds with a value other than None.
-Ref first_present(const Module& m, Borrowed source, std::initializer_list<PyObject*> keys) {
+Ref first_present(const Module& m, const Ref& source, std::initializer_list<PyObject*> keys) {
     for (PyObject* key : keys) {
         Ref value = field_of(m, source, key);
         if (!value.is_none()) return value;
@@ -151,8 +151,8 @@ Ref first_present(const Module& m, Borrowed source, std::initializer_list<PyObje
     return Ref(none());
 }
 
-Ref submission_thresholds_from_era_catalog(const Module& m, Borrowed catalog, Borrowed named_universe,
-                                           Borrowed signal_pool_name, Borrowed market_id, Borrowed era_number) {
+Ref submission_thresholds_from_era_catalog(const Module& m, const Ref& catalog, const Ref& named_universe,
+                                           const Ref& signal_pool_name, const Ref& market_id, const Ref& era_number) {
     const Names& n = m.n;
     Ref era = call_global_kw(m, n._active_era_from_catalog, {catalog},
                              {{n.market_id, market_id}, {n.era_number, era_number}});
@@ -205,7 +205,7 @@ constexpr auto fetch_era_catalog_signature =
     signature("SignalServiceClient._fetch_era_catalog", Binding::instance_method,
               "Return the service's era catalog (GET eras), kept for at most 60 seconds.");
 
-bool usable_catalog(const Module& m, Borrowed catalog) {
+bool usable_catalog(const Module& m, const Ref& catalog) {
     if (!is_dict(catalog)) return false;
     for (PyObject* key : {m.n.eras_by_market, m.n.market_era_groups, m.n.eras}) {
         Ref eras = mapping_get(catalog, key);
@@ -219,7 +219,7 @@ constexpr const char invalid_catalog_message[] =
 
 Ref monotonic_now(const Module& m) { return call_method(m.global(m.n.time), m.n.monotonic); }
 
-Ref fetch_era_catalog(const Module& m, Borrowed self) {
+Ref fetch_era_catalog(const Module& m, const Ref& self) {
     const Names& n = m.n;
     Ref cached = getattr(self, n._era_catalog_cache);
     if (!cached.is_none()) {
@@ -264,8 +264,8 @@ constexpr auto resolve_submit_thresholds_signature =
               param("named_universe"), param("signal_pool_name"), param("market_id", none_default),
               param("era_number", none_default));
 
-Ref resolve_submit_thresholds(const Module& m, Borrowed self, Borrowed named_universe, Borrowed signal_pool_name,
-                              Borrowed market_id, Borrowed era_number) {
+Ref resolve_submit_thresholds(const Module& m, const Ref& self, const Ref& named_universe, const Ref& signal_pool_name,
+                              const Ref& market_id, const Ref& era_number) {
     Ref catalog = call_method(self, m.n._fetch_era_catalog);
     return call_global_kw(m, m.n._submission_thresholds_from_era_catalog, {catalog, named_universe, signal_pool_name},
                           {{m.n.market_id, market_id}, {m.n.era_number, era_number}});

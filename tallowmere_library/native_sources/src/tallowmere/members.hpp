@@ -3,6 +3,7 @@
 #pragma once
 
 #include "core/function.hpp"
+#include "submit_state.hpp"
 
 namespace tallowmere::members {
 

@@ -15,8 +15,8 @@ constexpr auto init_signature =
     signature("_TransmissionObservedBody.__init__", Binding::instance_method, nullptr, param("body_bytes"),
               param("observer"), param("method"), param("url"), param("headers"));
 
-Ref init(const Module& m, Borrowed self, Borrowed body_bytes, Borrowed observer, Borrowed method, Borrowed url,
-         Borrowed headers) {
+Ref init(const Module& m, const Ref& self, const Ref& body_bytes, const Ref& observer, const Ref& method, const Ref& url,
+         const Ref& headers) {
     const Names& n = m.n;
     setattr(self, n._body_bytes, body_bytes);
     setattr(self, n._observer, observer);
@@ -31,12 +31,12 @@ Ref init(const Module& m, Borrowed self, Borrowed body_bytes, Borrowed observer,
 constexpr auto consumed_signature =
     signature("_TransmissionObservedBody.consumed", Binding::property_getter, nullptr, param("self"));
 
-Ref consumed(const Module& m, Borrowed self) { return getattr(self, m.n._observed); }
+Ref consumed(const Module& m, const Ref& self) { return getattr(self, m.n._observed); }
 
 constexpr auto observe_once_signature =
     signature("_TransmissionObservedBody._observe_once", Binding::instance_method, nullptr);
 
-Ref observe_once(const Module& m, Borrowed self) {
+Ref observe_once(const Module& m, const Ref& self) {
     const Names& n = m.n;
     if (truthy(getattr(self, n._observed))) return Ref(none());
     // The flag goes up before the call: an observer that raises is not called again.
@@ -48,9 +48,9 @@ Ref observe_once(const Module& m, Borrowed self) {
 
 constexpr auto read_signature =
     signature("_TransmissionObservedBody.read", Binding::instance_method, nullptr,
-              param("size", constant_default(&ModuleState::default_read_size, "-1")));
+              param("size", constant_default<&ModuleState::default_read_size>("-1")));
 
-Ref read(const Module& m, Borrowed self, Borrowed size) {
+Ref read(const Module& m, const Ref& self, const Ref& size) {
     const Names& n = m.n;
     Ref zero = integer(0);
     Ref body_bytes = getattr(self, n._body_bytes);
@@ -75,9 +75,9 @@ Ref read(const Module& m, Borrowed self, Borrowed size) {
 
 constexpr auto seek_signature =
     signature("_TransmissionObservedBody.seek", Binding::instance_method, nullptr, param("offset"),
-              param("whence", constant_default(&ModuleState::default_whence, "0")));
+              param("whence", constant_default<&ModuleState::default_whence>("0")));
 
-Ref seek(const Module& m, Borrowed self, Borrowed offset, Borrowed whence) {
+Ref seek(const Module& m, const Ref& self, const Ref& offset, const Ref& whence) {
     const Names& n = m.n;
     Ref position;
     if (equals(whence, integer(0))) {
@@ -97,15 +97,15 @@ Ref seek(const Module& m, Borrowed self, Borrowed offset, Borrowed whence) {
 
 constexpr auto tell_signature = signature("_TransmissionObservedBody.tell", Binding::instance_method, nullptr);
 
-Ref tell(const Module& m, Borrowed self) { return getattr(self, m.n._offset); }
+Ref tell(const Module& m, const Ref& self) { return getattr(self, m.n._offset); }
 
 constexpr auto iter_signature = signature("_TransmissionObservedBody.__iter__", Binding::instance_method, nullptr);
 
-Ref iter(const Module&, Borrowed self) { return Ref(self); }
+Ref iter(const Module&, const Ref& self) { return Ref(self); }
 
 constexpr auto next_signature = signature("_TransmissionObservedBody.__next__", Binding::instance_method, nullptr);
 
-Ref next(const Module& m, Borrowed self) {
+Ref next(const Module& m, const Ref& self) {
     Ref chunk = call_method(self, m.n.read);
     if (truthy(chunk)) return chunk;
     PyErr_SetNone(PyExc_StopIteration);

@@ -13,7 +13,7 @@ namespace tallowmere {
 namespace {
 
 // super().__init__(message) for a direct subclass of Exception.
-void init_exception_base(Borrowed self, Borrowed message) {
+void init_exception_base(const Ref& self, const Ref& message) {
     Ref args = new_tuple({message});
     check_status(reinterpret_cast<PyTypeObject*>(PyExc_Exception)->tp_init(self.get(), args.get(), nullptr));
 }
@@ -23,7 +23,7 @@ void init_exception_base(Borrowed self, Borrowed message) {
 constexpr auto receipt_init_signature =
     signature("SubmissionReceipt.__init__", Binding::instance_method, nullptr, param("submission_id"));
 
-Ref receipt_init(const Module& m, Borrowed self, Borrowed submission_id) {
+Ref receipt_init(const Module& m, const Ref& self, const Ref& submission_id) {
     setattr(self, m.n.submission_id, submission_id);
     return Ref(none());
 }
@@ -37,10 +37,10 @@ constexpr auto status_init_signature = signature(
     param("is_pnl_mi", none_default), param("agent_is_pnl_mi", none_default), param("failure_reason", none_default),
     param("failure_detail", none_default), param("failure_message", none_default));
 
-Ref status_init(const Module& m, Borrowed self, Borrowed submission_id, Borrowed status, Borrowed is_stats,
-                Borrowed payment, Borrowed rejection_reason, Borrowed signal_pool_name, Borrowed is_correlation,
-                Borrowed agent_is_correlation, Borrowed is_pnl_mi, Borrowed agent_is_pnl_mi, Borrowed failure_reason,
-                Borrowed failure_detail, Borrowed failure_message) {
+Ref status_init(const Module& m, const Ref& self, const Ref& submission_id, const Ref& status, const Ref& is_stats,
+                const Ref& payment, const Ref& rejection_reason, const Ref& signal_pool_name, const Ref& is_correlation,
+                const Ref& agent_is_correlation, const Ref& is_pnl_mi, const Ref& agent_is_pnl_mi, const Ref& failure_reason,
+                const Ref& failure_detail, const Ref& failure_message) {
     const Names& n = m.n;
     setattr(self, n.submission_id, submission_id);
     setattr(self, n.status, status);
@@ -64,8 +64,8 @@ constexpr auto rejected_init_signature =
     signature("SubmissionRejectedError.__init__", Binding::instance_method, nullptr, param("status_code"),
               param("reason"), param("details", none_default), param("body", none_default));
 
-Ref rejected_init(const Module& m, Borrowed self, Borrowed status_code, Borrowed reason, Borrowed details,
-                  Borrowed body) {
+Ref rejected_init(const Module& m, const Ref& self, const Ref& status_code, const Ref& reason, const Ref& details,
+                  const Ref& body) {
     init_exception_base(self, format_text("%S: %S", status_code.get(), reason.get()));
     setattr(self, m.n.status_code, status_code);
     setattr(self, m.n.reason, reason);
@@ -80,8 +80,8 @@ constexpr auto response_error_init_signature =
     signature("SignalClientResponseError.__init__", Binding::instance_method, nullptr, param("message"),
               keyword_only("status_code"), keyword_only("url"), keyword_only("raw_body"));
 
-Ref response_error_init(const Module& m, Borrowed self, Borrowed message, Borrowed status_code, Borrowed url,
-                        Borrowed raw_body) {
+Ref response_error_init(const Module& m, const Ref& self, const Ref& message, const Ref& status_code, const Ref& url,
+                        const Ref& raw_body) {
     init_exception_base(self, message);
     setattr(self, m.n.status_code, status_code);
     setattr(self, m.n.url, url);
@@ -96,7 +96,7 @@ Ref response_error_init(const Module& m, Borrowed self, Borrowed message, Borrow
 constexpr auto raise_submission_rejected_signature = signature(
     "_raise_submission_rejected", Binding::module_function, nullptr, param("status_code"), param("response_data"));
 
-Ref raise_submission_rejected(const Module& m, Borrowed status_code, Borrowed response_data) {
+Ref raise_submission_rejected(const Module& m, const Ref& status_code, const Ref& response_data) {
     Ref reason = mapping_get(response_data, m.n.reason);
     if (!truthy(reason)) reason = mapping_get(response_data, m.n.error);
     if (!truthy(reason)) reason = concat({text("http_"), format(status_code)});

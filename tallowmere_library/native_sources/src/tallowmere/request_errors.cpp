@@ -12,16 +12,16 @@ RequestFailure classify_request_failure(const Module& m, const Caught& caught) {
     caught.reraise();
 }
 
-bool is_client_error_status(const Module& m, Borrowed exc) {
+bool is_client_error_status(const Module& m, const Ref& exc) {
     Ref status_code = getattr(exc, m.n.status_code);
     return compare(integer(400), status_code, Py_LE) && compare(status_code, integer(500), Py_LT);
 }
 
-Ref type_name(const Module& m, Borrowed exc) {
+Ref type_name(const Module& m, const Ref& exc) {
     return getattr(Borrowed(reinterpret_cast<PyObject*>(Py_TYPE(exc.get()))), m.n.__name__);
 }
 
-Ref transport_error_text(const Module& m, Borrowed exc) {
+Ref transport_error_text(const Module& m, const Ref& exc) {
     Ref message = str(exc);
     if (truthy(message)) return message;
     return type_name(m, exc);

@@ -4,7 +4,7 @@
 // and unusable answers (SignalClientResponseError).
 #pragma once
 
-#include "core/module.hpp"
+#include "submit_state.hpp"
 #include "core/python.hpp"
 
 #include <initializer_list>
@@ -18,20 +18,20 @@ enum class RequestFailure { transport, rejected, unusable_response };
 RequestFailure classify_request_failure(const Module& m, const Caught& caught);
 
 // 400 <= exc.status_code < 500
-bool is_client_error_status(const Module& m, Borrowed exc);
+bool is_client_error_status(const Module& m, const Ref& exc);
 
 // str(exc), or the name of its class when that text is empty.
-Ref transport_error_text(const Module& m, Borrowed exc);
+Ref transport_error_text(const Module& m, const Ref& exc);
 
 // type(exc).__name__
-Ref type_name(const Module& m, Borrowed exc);
+Ref type_name(const Module& m, const Ref& exc);
 
 // status_code, body = self._canonical_request(*args), inside a `try` whose
 // handlers are `on_failure`: returns the handler's result when the request
 // failed (and the handler did not re-raise), else an empty Ref with
 // `status_code` and `body` filled in.
 template <class OnFailure>
-Ref request_or_mapped_failure(const Module& m, Borrowed self, std::initializer_list<Borrowed> args, Ref& status_code,
+Ref request_or_mapped_failure(const Module& m, const Ref& self, std::initializer_list<Arg> args, Ref& status_code,
                               Ref& body, OnFailure&& on_failure) {
     return try_except(
         [&] {

@@ -16,7 +16,7 @@ namespace {
 constexpr auto coerce_status_metric_signature =
     signature("_coerce_status_metric", Binding::module_function, nullptr, param("value"));
 
-Ref coerce_status_metric(const Module& m, Borrowed value) {
+Ref coerce_status_metric(const Module& m, const Ref& value) {
     if (equals(value, Borrowed(m.n.Infinity))) return floating(Py_HUGE_VAL);
     if (equals(value, Borrowed(m.n.minus_Infinity))) return floating(-Py_HUGE_VAL);
     return Ref(value);
@@ -25,7 +25,7 @@ Ref coerce_status_metric(const Module& m, Borrowed value) {
 constexpr auto failure_reason_from_status_body_signature =
     signature("_failure_reason_from_status_body", Binding::module_function, nullptr, param("body"));
 
-Ref failure_reason_from_status_body(const Module& m, Borrowed body) {
+Ref failure_reason_from_status_body(const Module& m, const Ref& body) {
     const Names& n = m.n;
     Ref failure_reason = mapping_get(body, n.failure_reason);
     Ref failure_detail = mapping_get(body, n.failure_detail);
@@ -41,11 +41,11 @@ Ref failure_reason_from_status_body(const Module& m, Borrowed body) {
 constexpr auto public_status_body_signature =
     signature("_public_status_body", Binding::module_function, nullptr, param("body"));
 
-Ref public_status_body(const Module& m, Borrowed body) {
+Ref public_status_body(const Module& m, const Ref& body) {
     const Names& n = m.n;
     if (!contains(body, Borrowed(n.correlation)) && !contains(body, Borrowed(n.is_weights_mi))) return Ref(body);
     Ref public_body = new_dict();
-    for_each(call_method(body, n.items), [&](Borrowed item) {
+    for_each(call_method(body, n.items), [&](const Ref& item) {
         auto [key, value] = unpack_pair(item);
         if (!equals(key, Borrowed(n.correlation)) && !equals(key, Borrowed(n.is_weights_mi))) {
             set_item(public_body, key, value);
@@ -60,7 +60,7 @@ constexpr auto status_result_from_body_signature =
     signature("SignalServiceClient._status_result_from_body", Binding::static_method, nullptr, param("status_code"),
               param("body"));
 
-Ref status_result_from_body(const Module& m, Borrowed status_code, Borrowed body) {
+Ref status_result_from_body(const Module& m, const Ref& status_code, const Ref& body) {
     const Names& n = m.n;
     Ref public_body = call_global(m, n._public_status_body, body);
     Ref status = mapping_get(body, n.status);
@@ -96,7 +96,7 @@ Ref status_result_from_body(const Module& m, Borrowed status_code, Borrowed body
 }
 
 // StatusResult of a failed request: no status, no pools.
-Ref failed_status_result(const Module& m, Borrowed status_code, Borrowed body, Borrowed error) {
+Ref failed_status_result(const Module& m, const Ref& status_code, const Ref& body, const Ref& error) {
     const Names& n = m.n;
     return call_global_kw(m, n.StatusResult, {},
                           {{n.status_code, status_code},
@@ -110,7 +110,7 @@ Ref failed_status_result(const Module& m, Borrowed status_code, Borrowed body, B
 constexpr auto status_result_from_rejection_signature = signature(
     "SignalServiceClient._status_result_from_rejection", Binding::static_method, nullptr, param("exc"));
 
-Ref status_result_from_rejection(const Module& m, Borrowed exc) {
+Ref status_result_from_rejection(const Module& m, const Ref& exc) {
     return failed_status_result(m, getattr(exc, m.n.status_code), getattr(exc, m.n.body), getattr(exc, m.n.reason));
 }
 
@@ -118,7 +118,7 @@ constexpr auto status_result_from_response_error_signature =
     signature("SignalServiceClient._status_result_from_response_error", Binding::class_method, nullptr,
               param("cls"), param("exc"));
 
-Ref status_result_from_response_error(const Module& m, Borrowed cls, Borrowed exc) {
+Ref status_result_from_response_error(const Module& m, const Ref& cls, const Ref& exc) {
     auto [error, body] = unpack_pair(call_method(cls, m.n._error_body_from_response_error, exc));
     return failed_status_result(m, getattr(exc, m.n.status_code), body, error);
 }
@@ -126,7 +126,7 @@ Ref status_result_from_response_error(const Module& m, Borrowed cls, Borrowed ex
 constexpr auto status_result_from_transport_error_signature = signature(
     "SignalServiceClient._status_result_from_transport_error", Binding::static_method, nullptr, param("exc"));
 
-Ref status_result_from_transport_error(const Module& m, Borrowed exc) {
+Ref status_result_from_transport_error(const Module& m, const Ref& exc) {
     return failed_status_result(m, integer(0), none(), transport_error_text(m, exc));
 }
 
@@ -140,7 +140,7 @@ constexpr auto get_signal_status_signature =
               "SignalClientResponseError.",
               param("submission_id"));
 
-Ref get_signal_status(const Module& m, Borrowed self, Borrowed submission_id) {
+Ref get_signal_status(const Module& m, const Ref& self, const Ref& submission_id) {
     const Names& n = m.n;
     Ref encoded = call_global(m, n._percent_encode, submission_id);
     Ref endpoint = Ref::checked(PyNumber_Add(n.signals_status_prefix, encoded.get()));
@@ -168,15 +168,15 @@ constexpr auto submission_list_result_from_body_signature =
     signature("SignalServiceClient._submission_list_result_from_body", Binding::static_method, nullptr,
               param("status_code"), param("body"), keyword_only("error", none_default));
 
-Ref submission_list_result(const Module& m, Borrowed status_code, Borrowed body, Borrowed submissions,
-                           Borrowed error) {
+Ref submission_list_result(const Module& m, const Ref& status_code, const Ref& body, const Ref& submissions,
+                           const Ref& error) {
     const Names& n = m.n;
     return call_global_kw(
         m, n.SubmissionListResult, {},
         {{n.status_code, status_code}, {n.body, body}, {n.submissions, submissions}, {n.error, error}});
 }
 
-Ref submission_list_result_from_body(const Module& m, Borrowed status_code, Borrowed body, Borrowed error) {
+Ref submission_list_result_from_body(const Module& m, const Ref& status_code, const Ref& body, const Ref& error) {
     Ref submissions = is_dict(body) ? mapping_get(body, m.n.submissions) : Ref(none());
     if (!is_list(submissions)) submissions = new_list();
     return submission_list_result(m, status_code, body, submissions, error);
@@ -189,13 +189,13 @@ constexpr auto list_signal_submissions_signature = signature(
     "since, limit; a filter left as None is not sent.",
     keyword_only("status", none_default), keyword_only("idempotency_key", none_default),
     keyword_only("since", none_default),
-    keyword_only("limit", constant_default(&ModuleState::default_limit, "100")));
+    keyword_only("limit", constant_default<&ModuleState::default_limit>("100")));
 
-Ref list_signal_submissions(const Module& m, Borrowed self, Borrowed status, Borrowed idempotency_key, Borrowed since,
-                            Borrowed limit) {
+Ref list_signal_submissions(const Module& m, const Ref& self, const Ref& status, const Ref& idempotency_key, const Ref& since,
+                            const Ref& limit) {
     const Names& n = m.n;
     Ref query = new_list();
-    auto add = [&](PyObject* name, Borrowed value) {
+    auto add = [&](PyObject* name, const Ref& value) {
         Ref pair = call_global(m, n._percent_encode, Borrowed(name));
         Ref encoded_value = call_global(m, n._percent_encode, value);
         list_append(query, concat({pair, text("="), encoded_value}));
@@ -244,7 +244,7 @@ constexpr auto poll_until_terminal_signature =
               "occurs, or `timeout` seconds have passed; return the last StatusResult.",
               param("submission_id"), keyword_only("timeout"));
 
-Ref poll_until_terminal(const Module& m, Borrowed self, Borrowed submission_id, Borrowed timeout) {
+Ref poll_until_terminal(const Module& m, const Ref& self, const Ref& submission_id, const Ref& timeout) {
     const Names& n = m.n;
     auto now = [&] { return call_method(m.global(n.time), n.monotonic); };
     Ref deadline = Ref::checked(PyNumber_Add(now().get(), timeout.get()));

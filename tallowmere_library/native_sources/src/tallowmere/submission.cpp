@@ -13,8 +13,8 @@ namespace {
 
 // ---- SubmitResult mappings --------------------------------------------------------------
 
-Ref submit_result(const Module& m, Borrowed status_code, Borrowed body, Borrowed submission_id,
-                  Borrowed signal_pool_name, Borrowed strategy_pool_name, Borrowed error) {
+Ref submit_result(const Module& m, const Ref& status_code, const Ref& body, const Ref& submission_id,
+                  const Ref& signal_pool_name, const Ref& strategy_pool_name, const Ref& error) {
     const Names& n = m.n;
     return call_global_kw(m, n.SubmitResult, {},
                           {{n.status_code, status_code},
@@ -28,7 +28,7 @@ Ref submit_result(const Module& m, Borrowed status_code, Borrowed body, Borrowed
 constexpr auto submit_result_from_body_signature = signature(
     "SignalServiceClient._submit_result_from_body", Binding::static_method, nullptr, param("status_code"), param("body"));
 
-Ref submit_result_from_body(const Module& m, Borrowed status_code, Borrowed body) {
+Ref submit_result_from_body(const Module& m, const Ref& status_code, const Ref& body) {
     const Names& n = m.n;
     Ref submission_id = mapping_get(body, n.submission_id);
     Ref signal_pool_name = mapping_get(body, n.signal_pool_name);
@@ -39,7 +39,7 @@ Ref submit_result_from_body(const Module& m, Borrowed status_code, Borrowed body
 constexpr auto submit_result_from_rejection_signature = signature(
     "SignalServiceClient._submit_result_from_rejection", Binding::static_method, nullptr, param("exc"));
 
-Ref submit_result_from_rejection(const Module& m, Borrowed exc) {
+Ref submit_result_from_rejection(const Module& m, const Ref& exc) {
     const Names& n = m.n;
     return submit_result(m, getattr(exc, n.status_code), getattr(exc, n.body), none(), none(), none(),
                          getattr(exc, n.reason));
@@ -48,7 +48,7 @@ Ref submit_result_from_rejection(const Module& m, Borrowed exc) {
 constexpr auto error_body_from_response_error_signature = signature(
     "SignalServiceClient._error_body_from_response_error", Binding::static_method, nullptr, param("exc"));
 
-Ref error_body_from_response_error(const Module& m, Borrowed exc) {
+Ref error_body_from_response_error(const Module& m, const Ref& exc) {
     const Names& n = m.n;
     Ref raw_preview = getattr(exc, n.raw_body_preview);
     Ref decoded = call_method_kw(raw_preview, n.decode, {Borrowed(n.utf_8)}, {{n.errors, Borrowed(n.replace)}});
@@ -66,7 +66,7 @@ constexpr auto submit_result_from_response_error_signature =
     signature("SignalServiceClient._submit_result_from_response_error", Binding::class_method, nullptr,
               param("cls"), param("exc"));
 
-Ref submit_result_from_response_error(const Module& m, Borrowed cls, Borrowed exc) {
+Ref submit_result_from_response_error(const Module& m, const Ref& cls, const Ref& exc) {
     auto [error, body] = unpack_pair(call_method(cls, m.n._error_body_from_response_error, exc));
     return submit_result(m, getattr(exc, m.n.status_code), body, none(), none(), none(), error);
 }
@@ -77,7 +77,7 @@ constexpr auto submit_result_from_transport_error_signature = signature(
 // The fixed line the transport-failure event reports as its origin.
 constexpr long transport_event_source_line = 933;
 
-Ref submit_result_from_transport_error(const Module& m, Borrowed exc) {
+Ref submit_result_from_transport_error(const Module& m, const Ref& exc) {
     const Names& n = m.n;
     Ref message = transport_error_text(m, exc);
     Ref metadata = new_dict();
@@ -96,16 +96,16 @@ Ref submit_result_from_transport_error(const Module& m, Borrowed exc) {
 // ---- bodies -----------------------------------------------------------------------------
 
 // int(value) unless it is already exactly an int.
-Ref body_int(Borrowed value) { return to_int(value); }
+Ref body_int(const Ref& value) { return to_int(value); }
 
 // The manifest market or era: the caller's value, else the effective one.
-Ref manifest_value(const Module& m, Borrowed given, Borrowed effective, PyObject* field_name) {
+Ref manifest_value(const Module& m, const Ref& given, const Ref& effective, PyObject* field_name) {
     return call_global(m, m.n._validate_optional_manifest_int, given.is_none() ? effective : given,
                        Borrowed(field_name));
 }
 
 // Sets "idempotency_key", derived from the body when the caller gave none.
-void attach_idempotency_key(const Module& m, Borrowed self, Borrowed body, Borrowed idempotency_key) {
+void attach_idempotency_key(const Module& m, const Ref& self, const Ref& body, const Ref& idempotency_key) {
     Ref key = idempotency_key.is_none() ? call_method(self, m.n._idempotency_key_for_body, body) : Ref(idempotency_key);
     set_item(body, Borrowed(m.n.idempotency_key), str(key));
 }
@@ -127,12 +127,12 @@ constexpr auto submit_signal_signature = signature(
     keyword_only("market_id", none_default), keyword_only("era_number", none_default),
     keyword_only("client_manifest_market_id", none_default), keyword_only("client_manifest_era_number", none_default));
 
-Ref submit_signal(const Module& m, Borrowed self, Borrowed graph, Borrowed named_universe_arg,
-                  Borrowed signal_pool_name, Borrowed is_stats, Borrowed is_pnl_mi, Borrowed metaparameters,
-                  Borrowed expression_elapsed_seconds, Borrowed search_state, Borrowed idempotency_key,
-                  Borrowed threshold_checks, Borrowed caller_thresholds, Borrowed client_manifest_version,
-                  Borrowed market_id_arg, Borrowed era_number_arg, Borrowed client_manifest_market_id,
-                  Borrowed client_manifest_era_number) {
+Ref submit_signal(const Module& m, const Ref& self, const Ref& graph, const Ref& named_universe_arg,
+                  const Ref& signal_pool_name, const Ref& is_stats, const Ref& is_pnl_mi, const Ref& metaparameters,
+                  const Ref& expression_elapsed_seconds, const Ref& search_state, const Ref& idempotency_key,
+                  const Ref& threshold_checks, const Ref& caller_thresholds, const Ref& client_manifest_version,
+                  const Ref& market_id_arg, const Ref& era_number_arg, const Ref& client_manifest_market_id,
+                  const Ref& client_manifest_era_number) {
     const Names& n = m.n;
     call_global_kw(m, n._reject_caller_threshold_authority, {},
                    {{n.threshold_checks, threshold_checks}, {n.thresholds, caller_thresholds}});
@@ -224,10 +224,10 @@ constexpr auto submit_strategy_signature = signature(
     keyword_only("idempotency_key", none_default), keyword_only("client_manifest_version", none_default),
     keyword_only("client_manifest_market_id", none_default), keyword_only("client_manifest_era_number", none_default));
 
-Ref submit_strategy(const Module& m, Borrowed self, Borrowed graph, Borrowed named_universe_arg,
-                    Borrowed strategy_pool_name, Borrowed market_id, Borrowed era_number, Borrowed metaparameters,
-                    Borrowed idempotency_key, Borrowed client_manifest_version, Borrowed client_manifest_market_id,
-                    Borrowed client_manifest_era_number) {
+Ref submit_strategy(const Module& m, const Ref& self, const Ref& graph, const Ref& named_universe_arg,
+                    const Ref& strategy_pool_name, const Ref& market_id, const Ref& era_number, const Ref& metaparameters,
+                    const Ref& idempotency_key, const Ref& client_manifest_version, const Ref& client_manifest_market_id,
+                    const Ref& client_manifest_era_number) {
     const Names& n = m.n;
     Ref named_universe = call_global(m, n._validate_named_universe, named_universe_arg);
     call_global(m, n._validate_selected_pool_name, strategy_pool_name, Borrowed(n.strategy_pool_name));

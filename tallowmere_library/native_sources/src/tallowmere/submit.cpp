@@ -5,7 +5,6 @@
 // functions and classes, in definition order. The callables live in one file
 // per subsystem (see members.hpp); the shared machinery lives in core/.
 #include "core/classes.hpp"
-#include "core/module.hpp"
 #include "core/python.hpp"
 #include "members.hpp"
 
@@ -111,7 +110,7 @@ void bind_imports(PyObject* module, const Names& n) {
 
 // ---- constants ---------------------------------------------------------------------
 
-Ref frozenset_of(Borrowed iterable) { return Ref::checked(PyFrozenSet_New(iterable.get())); }
+Ref frozenset_of(const Ref& iterable) { return Ref::checked(PyFrozenSet_New(iterable.get())); }
 
 void bind_constants(PyObject* module, ModuleState* state) {
     const Names& n = state->names;
@@ -290,21 +289,6 @@ PyModuleDef module_def = {
 };
 
 }  // namespace
-
-Module Module::of(PyObject* module) { return Module(module, PyModule_GetDict(module), state_of(module)); }
-
-Module Module::of_class(PyTypeObject* defining_class) {
-    PyObject* module = PyType_GetModule(defining_class);
-    if (module == nullptr) propagate();
-    return of(module);
-}
-
-Ref Module::global(PyObject* name) const {
-    PyObject* value = PyDict_GetItemWithError(dict_, name);
-    if (value != nullptr) return Ref(Borrowed(value));
-    if (!PyErr_Occurred()) PyErr_Format(PyExc_NameError, "name '%U' is not defined", name);
-    propagate();
-}
 
 }  // namespace tallowmere
 

@@ -17,7 +17,7 @@ constexpr auto percent_encode_signature =
 
 constexpr char hex_digits[] = "0123456789ABCDEF";
 
-Ref percent_encode(const Module& m, Borrowed value) {
+Ref percent_encode(const Module& m, const Ref& value) {
     // value.encode("utf-8")
     Ref encoded = PyUnicode_CheckExact(value.get())
                       ? Ref::checked(PyUnicode_AsUTF8String(value.get()))
@@ -66,7 +66,7 @@ Ref percent_encode(const Module& m, Borrowed value) {
 constexpr auto join_url_signature =
     signature("_join_url", Binding::module_function, nullptr, param("server_url"), param("endpoint"));
 
-Ref join_url(const Module& m, Borrowed server_url, Borrowed endpoint) {
+Ref join_url(const Module& m, const Ref& server_url, const Ref& endpoint) {
     // server_url.rstrip("/") + "/" + endpoint.lstrip("/")
     Borrowed slash(m.n.slash);
     Ref base = call_method(server_url, m.n.rstrip, slash);
@@ -82,8 +82,8 @@ constexpr auto parse_response_json_signature =
               param("response_body_bytes"), param("url"), keyword_only("operation"));
 
 // Logs the warning that precedes every SignalClientResponseError of decoding.
-void log_unusable_response(const Module& m, const char* message, Borrowed status_code, Borrowed body,
-                           Borrowed url, Borrowed operation) {
+void log_unusable_response(const Module& m, const char* message, const Ref& status_code, const Ref& body,
+                           const Ref& url, const Ref& operation) {
     const Names& n = m.n;
     Ref preview = slice_to(body, m.global(n._MALFORMED_BODY_PREVIEW_BYTES));
     Ref extra = new_dict();
@@ -95,15 +95,15 @@ void log_unusable_response(const Module& m, const char* message, Borrowed status
     call_method_kw(logger, n.warning, {text(message), url, status_code, operation, preview}, {{n.extra, extra}});
 }
 
-Ref response_error(const Module& m, const char* prefix, Borrowed status_code, Borrowed body, Borrowed url,
-                   Borrowed operation) {
+Ref response_error(const Module& m, const char* prefix, const Ref& status_code, const Ref& body, const Ref& url,
+                   const Ref& operation) {
     Ref message = concat({text(prefix), format(url), text(" for "), format(operation)});
     return call_global_kw(m, m.n.SignalClientResponseError, {message},
                           {{m.n.status_code, status_code}, {m.n.url, url}, {m.n.raw_body, body}});
 }
 
-Ref parse_response_json(const Module& m, Borrowed status_code, Borrowed response_body_bytes, Borrowed url,
-                        Borrowed operation) {
+Ref parse_response_json(const Module& m, const Ref& status_code, const Ref& response_body_bytes, const Ref& url,
+                        const Ref& operation) {
     const Names& n = m.n;
     Ref data = try_except(
         [&] {
@@ -143,8 +143,8 @@ constexpr auto request_json_signature = signature(
     param("method"), param("endpoint"), param("get_token"), param("server_url"), param("body"),
     param("request_func"), param("transmission_observer", none_default));
 
-Ref request_json(const Module& m, Borrowed method, Borrowed endpoint, Borrowed get_token, Borrowed server_url,
-                 Borrowed body, Borrowed request_func, Borrowed transmission_observer) {
+Ref request_json(const Module& m, const Ref& method, const Ref& endpoint, const Ref& get_token, const Ref& server_url,
+                 const Ref& body, const Ref& request_func, const Ref& transmission_observer) {
     const Names& n = m.n;
     Ref url = call_global(m, n._join_url, server_url, endpoint);
     call_global(m, n.validate_bearer_transport_url, url);

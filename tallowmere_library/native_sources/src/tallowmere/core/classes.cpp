@@ -74,7 +74,7 @@ Ref make_exception_class(PyObject* module, const char* qualified_name, const cha
     return Ref::checked(PyType_FromModuleAndSpec(module, &spec, base));
 }
 
-void add_member(PyObject* module, Borrowed cls, const Member& member) {
+void add_member(PyObject* module, const Ref& cls, const Member& member) {
     PyMethodDef* def = member.method_def();
     Ref name = text(def->ml_name);
     Ref value;
@@ -104,7 +104,7 @@ void add_function(PyObject* module, const Member& member) {
     check_status(PyObject_SetAttr(module, name.get(), function.get()));
 }
 
-void add_object(PyObject* module, PyObject* name, Borrowed value) {
+void add_object(PyObject* module, PyObject* name, const Ref& value) {
     check_status(PyObject_SetAttr(module, name, value.get()));
 }
 

@@ -19,9 +19,9 @@ Ref make_class(PyObject* module, const char* qualified_name, const char* doc);
 Ref make_exception_class(PyObject* module, const char* qualified_name, const char* doc, PyObject* base);
 
 // Binds `member` as an attribute of `cls` (or of the module), under its own name.
-void add_member(PyObject* module, Borrowed cls, const Member& member);
+void add_member(PyObject* module, const Ref& cls, const Member& member);
 void add_function(PyObject* module, const Member& member);
 // module.<name> = value
-void add_object(PyObject* module, PyObject* name, Borrowed value);
+void add_object(PyObject* module, PyObject* name, const Ref& value);
 
 }  // namespace tallowmere

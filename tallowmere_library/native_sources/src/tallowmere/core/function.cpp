@@ -69,7 +69,7 @@ Ref quoted_list(const std::vector<const Param*>& names) {
 
 }  // namespace
 
-void parse_arguments(const Module& m, const SignatureView& signature, PyObject* const* args, Py_ssize_t nargs,
+void parse_arguments(const ModuleBase& m, const SignatureView& signature, PyObject* const* args, Py_ssize_t nargs,
                      PyObject* kwnames, PyObject** out) {
     Py_ssize_t positional_params = 0;
     for (size_t i = 0; i < signature.count; ++i) {
@@ -130,7 +130,7 @@ void parse_arguments(const Module& m, const SignatureView& signature, PyObject* 
     for (size_t i = 0; i < signature.count; ++i) {
         if (out[i] != nullptr) continue;
         const DefaultValue& d = signature.params[i].default_value;
-        out[i] = d.type == DefaultValue::Type::none ? Py_None : m.state().*(d.constant);
+        out[i] = d.type == DefaultValue::Type::none ? Py_None : d.constant(m);
     }
 }
 

@@ -5,7 +5,10 @@
 //
 //     constexpr auto join_url_signature = signature(
 //         "_join_url", Binding::module_function, nullptr, param("server_url"), param("endpoint"));
-//     Ref join_url(const Module& m, Borrowed server_url, Borrowed endpoint);
+//     Ref join_url(const Module& m, const Ref& server_url, const Ref& endpoint);
+//
+// The implementation's first parameter is the module context it runs in
+// (`ModuleContext<State>`), made from the module or the defining class.
 //     const Member join_url_member = member<join_url_signature, join_url>();
 #pragma once
 
@@ -26,14 +29,30 @@ enum class ParamKind : unsigned char { positional_or_keyword, keyword_only };
 struct DefaultValue {
     enum class Type : unsigned char { required, none, constant };
     Type type;
-    PyObject* ModuleState::*constant;  // for Type::constant
-    const char* text;                  // how the default reads in the signature
+    PyObject* (*constant)(const ModuleBase&);  // for Type::constant: the object, kept in module state
+    const char* text;                          // how the default reads in the signature
 };
 
 inline constexpr DefaultValue required{DefaultValue::Type::required, nullptr, nullptr};
 inline constexpr DefaultValue none_default{DefaultValue::Type::none, nullptr, "None"};
-constexpr DefaultValue constant_default(PyObject* ModuleState::*constant, const char* text) {
-    return {DefaultValue::Type::constant, constant, text};
+
+template <class Member>
+struct member_of;
+template <class State>
+struct member_of<PyObject* State::*> {
+    using state = State;
+};
+
+template <auto Constant>
+PyObject* state_constant(const ModuleBase& m) {
+    using State = typename member_of<decltype(Constant)>::state;
+    return static_cast<State*>(m.raw_state())->*Constant;
+}
+
+// A default kept in the module state: constant_default<&State::default_limit>("100").
+template <auto Constant>
+constexpr DefaultValue constant_default(const char* text) {
+    return {DefaultValue::Type::constant, &state_constant<Constant>, text};
 }
 
 struct Param {
@@ -84,14 +103,14 @@ constexpr Signature<sizeof...(Params)> signature(const char* qualname, Binding b
 
 // Parses vectorcall arguments into one borrowed value per parameter, with the
 // interpreter's own TypeError texts for missing, surplus and unknown arguments.
-void parse_arguments(const Module& m, const SignatureView& signature, PyObject* const* args, Py_ssize_t nargs,
+void parse_arguments(const ModuleBase& m, const SignatureView& signature, PyObject* const* args, Py_ssize_t nargs,
                      PyObject* kwnames, PyObject** out);
 
 // "name($module, /, a, b=None, *, c)\n--\n\n" followed by the docstring.
 std::string signature_docstring(const SignatureView& signature);
 
 template <size_t N>
-std::array<Borrowed, N> parse(const Module& m, const Signature<N>& signature, PyObject* const* args,
+std::array<Borrowed, N> parse(const ModuleBase& m, const Signature<N>& signature, PyObject* const* args,
                               Py_ssize_t nargs, PyObject* kwnames) {
     std::array<PyObject*, N> raw{};
     parse_arguments(m, signature.view(), args, nargs, kwnames, raw.data());
@@ -106,10 +125,10 @@ template <class Body>
 PyObject* guarded(Body&& body) noexcept {
     try {
         Ref result = body();
-        if (!result && !PyErr_Occurred()) PyErr_SetString(PyExc_SystemError, "tallowmere.submit: missing result");
+        if (!result && !PyErr_Occurred()) PyErr_SetString(PyExc_SystemError, "tallowmere: missing result");
         return result.release();
     } catch (const PyErrorSet&) {
-        if (!PyErr_Occurred()) PyErr_SetString(PyExc_SystemError, "tallowmere.submit: error without exception");
+        if (!PyErr_Occurred()) PyErr_SetString(PyExc_SystemError, "tallowmere: error without exception");
         return nullptr;
     } catch (const std::bad_alloc&) {
         PyErr_NoMemory();
@@ -120,10 +139,20 @@ PyObject* guarded(Body&& body) noexcept {
     }
 }
 
+// The context type an implementation takes first: `Ref f(const Module& m, ...)`.
+template <class Function>
+struct context_of;
+template <class Context, class... Rest>
+struct context_of<Ref (*)(const Context&, Rest...)> {
+    using type = Context;
+};
+template <auto Impl>
+using context_t = typename context_of<decltype(Impl)>::type;
+
 template <const auto& Sig, auto Impl>
 PyObject* module_entry(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) noexcept {
     return guarded([&] {
-        Module m = Module::of(module);
+        auto m = context_t<Impl>::of(module);
         auto values = parse(m, Sig, args, nargs, kwnames);
         return std::apply([&](auto... value) { return Impl(m, value...); }, values);
     });
@@ -133,7 +162,7 @@ template <const auto& Sig, auto Impl>
 PyObject* method_entry(PyObject* self, PyTypeObject* defining_class, PyObject* const* args, size_t nargsf,
                        PyObject* kwnames) noexcept {
     return guarded([&] {
-        Module m = Module::of_class(defining_class);
+        auto m = context_t<Impl>::of_class(defining_class);
         auto values = parse(m, Sig, args, PyVectorcall_NARGS(nargsf), kwnames);
         return std::apply([&](auto... value) { return Impl(m, Borrowed(self), value...); }, values);
     });

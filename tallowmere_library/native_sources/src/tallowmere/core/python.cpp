@@ -10,14 +10,14 @@ namespace {
 // Argument vector of a keyword call: positional values, keyword values, and the
 // tuple of keyword names. One spare slot in front, as `call` keeps.
 struct KeywordCall {
-    KeywordCall(std::initializer_list<Borrowed> leading, std::initializer_list<Borrowed> positional,
+    KeywordCall(std::initializer_list<Arg> leading, std::initializer_list<Arg> positional,
                 std::initializer_list<Kw> keywords)
         : positional_count(leading.size() + positional.size()),
           names(Ref::checked(PyTuple_New(static_cast<Py_ssize_t>(keywords.size())))) {
         argv.reserve(1 + positional_count + keywords.size());
         argv.push_back(nullptr);
-        for (Borrowed value : leading) argv.push_back(value.get());
-        for (Borrowed value : positional) argv.push_back(value.get());
+        for (Arg value : leading) argv.push_back(value.get());
+        for (Arg value : positional) argv.push_back(value.get());
         Py_ssize_t i = 0;
         for (const Kw& keyword : keywords) {
             argv.push_back(keyword.value.get());
@@ -35,18 +35,18 @@ struct KeywordCall {
 
 }  // namespace
 
-Ref call_kw(Borrowed callable, std::initializer_list<Borrowed> positional, std::initializer_list<Kw> keywords) {
+Ref call_kw(const Ref& callable, std::initializer_list<Arg> positional, std::initializer_list<Kw> keywords) {
     KeywordCall c({}, positional, keywords);
     return Ref::checked(PyObject_Vectorcall(callable.get(), c.args(), c.nargsf(), c.kwnames()));
 }
 
-Ref call_method_kw(Borrowed self, PyObject* name, std::initializer_list<Borrowed> positional,
+Ref call_method_kw(const Ref& self, PyObject* name, std::initializer_list<Arg> positional,
                    std::initializer_list<Kw> keywords) {
     KeywordCall c({self}, positional, keywords);
     return Ref::checked(PyObject_VectorcallMethod(name, c.args(), c.nargsf(), c.kwnames()));
 }
 
-Ref call_global_kw(const Module& m, PyObject* name, std::initializer_list<Borrowed> positional,
+Ref call_global_kw(const ModuleBase& m, PyObject* name, std::initializer_list<Arg> positional,
                    std::initializer_list<Kw> keywords) {
     Ref callable = m.global(name);
     return call_kw(callable, positional, keywords);
@@ -54,9 +54,9 @@ Ref call_global_kw(const Module& m, PyObject* name, std::initializer_list<Borrow
 
 // ---- attributes ---------------------------------------------------------------
 
-Ref getattr(Borrowed object, PyObject* name) { return Ref::checked(PyObject_GetAttr(object.get(), name)); }
+Ref getattr(const Ref& object, PyObject* name) { return Ref::checked(PyObject_GetAttr(object.get(), name)); }
 
-Ref getattr_or(Borrowed object, PyObject* name, Borrowed fallback) {
+Ref getattr_or(const Ref& object, PyObject* name, const Ref& fallback) {
     PyObject* value = PyObject_GetAttr(object.get(), name);
     if (value != nullptr) return Ref::steal(value);
     if (!PyErr_ExceptionMatches(PyExc_AttributeError)) propagate();
@@ -64,7 +64,7 @@ Ref getattr_or(Borrowed object, PyObject* name, Borrowed fallback) {
     return Ref(fallback);
 }
 
-bool hasattr(Borrowed object, PyObject* name) {
+bool hasattr(const Ref& object, PyObject* name) {
     PyObject* value = PyObject_GetAttr(object.get(), name);
     if (value != nullptr) {
         Py_DECREF(value);
@@ -75,7 +75,7 @@ bool hasattr(Borrowed object, PyObject* name) {
     return false;
 }
 
-void setattr(Borrowed object, PyObject* name, Borrowed value) {
+void setattr(const Ref& object, PyObject* name, const Ref& value) {
     check_status(PyObject_SetAttr(object.get(), name, value.get()));
 }
 
@@ -88,7 +88,7 @@ namespace {
 
 // The value of an exact dict, borrowed into a new reference, or an empty Ref
 // when the key is missing.
-Ref exact_dict_value(Borrowed dict, Borrowed key) {
+Ref exact_dict_value(const Ref& dict, const Ref& key) {
     PyObject* value = PyDict_GetItemWithError(dict.get(), key.get());
     if (value == nullptr && PyErr_Occurred()) propagate();
     return Ref(Borrowed(value));
@@ -96,7 +96,7 @@ Ref exact_dict_value(Borrowed dict, Borrowed key) {
 
 }  // namespace
 
-Ref mapping_get(Borrowed mapping, Borrowed key) {
+Ref mapping_get(const Ref& mapping, const Ref& key) {
     if (PyDict_CheckExact(mapping.get())) {
         Ref value = exact_dict_value(mapping, key);
         return value ? value : Ref(none());
@@ -104,7 +104,7 @@ Ref mapping_get(Borrowed mapping, Borrowed key) {
     return Ref::checked(PyObject_CallMethod(mapping.get(), "get", "O", key.get()));
 }
 
-Ref mapping_get_or(Borrowed mapping, Borrowed key, Borrowed fallback) {
+Ref mapping_get_or(const Ref& mapping, const Ref& key, const Ref& fallback) {
     if (PyDict_CheckExact(mapping.get())) {
         Ref value = exact_dict_value(mapping, key);
         return value ? value : Ref(fallback);
@@ -112,7 +112,7 @@ Ref mapping_get_or(Borrowed mapping, Borrowed key, Borrowed fallback) {
     return Ref::checked(PyObject_CallMethod(mapping.get(), "get", "OO", key.get(), fallback.get()));
 }
 
-void set_item(Borrowed mapping, Borrowed key, Borrowed value) {
+void set_item(const Ref& mapping, const Ref& key, const Ref& value) {
     if (PyDict_CheckExact(mapping.get())) {
         check_status(PyDict_SetItem(mapping.get(), key.get(), value.get()));
     } else {
@@ -120,41 +120,41 @@ void set_item(Borrowed mapping, Borrowed key, Borrowed value) {
     }
 }
 
-Ref get_item(Borrowed container, Borrowed key) { return Ref::checked(PyObject_GetItem(container.get(), key.get())); }
+Ref get_item(const Ref& container, const Ref& key) { return Ref::checked(PyObject_GetItem(container.get(), key.get())); }
 
-bool contains(Borrowed container, Borrowed key) {
+bool contains(const Ref& container, const Ref& key) {
     return check_status(PySequence_Contains(container.get(), key.get())) != 0;
 }
 
-void list_append(Borrowed list, Borrowed item) { check_status(PyList_Append(list.get(), item.get())); }
+void list_append(const Ref& list, const Ref& item) { check_status(PyList_Append(list.get(), item.get())); }
 
-void list_extend(Borrowed list, Borrowed items) {
+void list_extend(const Ref& list, const Ref& items) {
     Ref extended = Ref::checked(PySequence_InPlaceConcat(list.get(), items.get()));
 }
 
-Py_ssize_t length(Borrowed object) {
+Py_ssize_t length(const Ref& object) {
     Py_ssize_t size = PyObject_Length(object.get());
     if (size < 0) propagate();
     return size;
 }
 
-Ref new_tuple(std::initializer_list<Borrowed> items) {
+Ref new_tuple(std::initializer_list<Arg> items) {
     Ref tuple = Ref::checked(PyTuple_New(static_cast<Py_ssize_t>(items.size())));
     Py_ssize_t i = 0;
-    for (Borrowed item : items) PyTuple_SET_ITEM(tuple.get(), i++, Py_NewRef(item.get()));
+    for (Arg item : items) PyTuple_SET_ITEM(tuple.get(), i++, Py_NewRef(item.get()));
     return tuple;
 }
 
-Ref slice(Borrowed sequence, Py_ssize_t start, Py_ssize_t stop) {
+Ref slice(const Ref& sequence, Py_ssize_t start, Py_ssize_t stop) {
     return Ref::checked(PySequence_GetSlice(sequence.get(), start, stop));
 }
 
-Ref slice_to(Borrowed sequence, Borrowed stop) {
+Ref slice_to(const Ref& sequence, const Ref& stop) {
     Ref bounds = Ref::checked(PySlice_New(nullptr, stop.get(), nullptr));
     return get_item(sequence, bounds);
 }
 
-Ref only_member(Borrowed set) {
+Ref only_member(const Ref& set) {
     Ref iterator = Ref::checked(PyObject_GetIter(set.get()));
     return Ref::checked(PyIter_Next(iterator.get()));
 }
@@ -162,15 +162,15 @@ Ref only_member(Borrowed set) {
 // ---- text ----------------------------------------------------------------------
 
 Ref text(const char* utf8) { return Ref::checked(PyUnicode_FromString(utf8)); }
-Ref str(Borrowed value) { return Ref::checked(PyObject_Str(value.get())); }
-Ref repr(Borrowed value) { return Ref::checked(PyObject_Repr(value.get())); }
+Ref str(const Ref& value) { return Ref::checked(PyObject_Str(value.get())); }
+Ref repr(const Ref& value) { return Ref::checked(PyObject_Repr(value.get())); }
 
-Ref format(Borrowed value) {
+Ref format(const Ref& value) {
     if (PyUnicode_CheckExact(value.get())) return Ref(value);
     return Ref::checked(PyObject_Format(value.get(), nullptr));
 }
 
-Ref concat(std::initializer_list<Borrowed> parts) {
+Ref concat(std::initializer_list<Arg> parts) {
     Ref pieces = new_tuple(parts);
     Ref separator = Ref::checked(PyUnicode_FromStringAndSize("", 0));
     return Ref::checked(PyUnicode_Join(separator.get(), pieces.get()));
@@ -189,24 +189,24 @@ Ref format_text(const char* format, ...) {
 Ref integer(long long value) { return Ref::checked(PyLong_FromLongLong(value)); }
 Ref floating(double value) { return Ref::checked(PyFloat_FromDouble(value)); }
 
-Ref to_int(Borrowed value) {
+Ref to_int(const Ref& value) {
     if (PyLong_CheckExact(value.get())) return Ref(value);
     return Ref::checked(PyNumber_Long(value.get()));
 }
 
-long long as_long_long(Borrowed value) {
+long long as_long_long(const Ref& value) {
     long long result = PyLong_AsLongLong(value.get());
     if (result == -1 && PyErr_Occurred()) propagate();
     return result;
 }
 
-bool equals(Borrowed a, Borrowed b) { return compare(a, b, Py_EQ); }
+bool equals(const Ref& a, const Ref& b) { return compare(a, b, Py_EQ); }
 
-bool compare(Borrowed a, Borrowed b, int op) {
+bool compare(const Ref& a, const Ref& b, int op) {
     return check_status(PyObject_RichCompareBool(a.get(), b.get(), op)) != 0;
 }
 
-std::pair<Ref, Ref> unpack_pair(Borrowed result) {
+std::pair<Ref, Ref> unpack_pair(const Ref& result) {
     if (PyTuple_CheckExact(result.get()) && PyTuple_GET_SIZE(result.get()) == 2) {
         return {Ref(Borrowed(PyTuple_GET_ITEM(result.get(), 0))), Ref(Borrowed(PyTuple_GET_ITEM(result.get(), 1)))};
     }
@@ -233,21 +233,21 @@ void raise(PyObject* type, const char* message) {
     propagate();
 }
 
-void raise(PyObject* type, Borrowed message) {
+void raise(PyObject* type, const Ref& message) {
     PyErr_SetObject(type, message.get());
     propagate();
 }
 
 void raise_value_error(const char* message) { raise(PyExc_ValueError, message); }
-void raise_value_error(Borrowed message) { raise(PyExc_ValueError, message); }
+void raise_value_error(const Ref& message) { raise(PyExc_ValueError, message); }
 
-void raise_from(PyObject* type, const char* message, Borrowed cause) {
+void raise_from(PyObject* type, const char* message, const Ref& cause) {
     Ref exception = call(Borrowed(type), text(message));
     PyException_SetCause(exception.get(), Ref(cause).release());
     raise_instance(exception);
 }
 
-void raise_instance(Borrowed exception) {
+void raise_instance(const Ref& exception) {
     PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(exception.get())), exception.get());
     propagate();
 }

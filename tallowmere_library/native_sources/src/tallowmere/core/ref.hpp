@@ -29,6 +29,8 @@ public:
     Borrowed() = default;
     explicit Borrowed(PyObject* object) : object_(object) {}
     inline Borrowed(const Ref& owner);  // NOLINT: a Ref can always be lent
+    // ...but a temporary one cannot: its object may be gone by the next statement.
+    Borrowed(Ref&&) = delete;
 
     PyObject* get() const { return object_; }
     explicit operator bool() const { return object_ != nullptr; }
@@ -76,6 +78,20 @@ private:
 
 inline Borrowed::Borrowed(const Ref& owner) : object_(owner.get()) {}
 
+// One value of an argument list written at a call site, such as the
+// positional and keyword lists of `call_kw`: the object is kept alive by its
+// owner (a temporary Ref included) until the end of the full expression that
+// makes the call. Only argument lists hold these.
+class Arg {
+public:
+    Arg(const Ref& owner) : object_(owner.get()) {}  // NOLINT: any reference can be passed
+    Arg(Borrowed borrowed) : object_(borrowed.get()) {}  // NOLINT
+    PyObject* get() const { return object_; }
+
+private:
+    PyObject* object_;
+};
+
 inline Borrowed none() { return Borrowed(Py_None); }
 inline Borrowed boolean(bool value) { return Borrowed(value ? Py_True : Py_False); }
 
@@ -86,6 +102,6 @@ inline int check_status(int status) {
 }
 
 // Python truthiness: `bool(value)`.
-inline bool truthy(Borrowed value) { return check_status(PyObject_IsTrue(value.get())) != 0; }
+inline bool truthy(const Ref& value) { return check_status(PyObject_IsTrue(value.get())) != 0; }
 
 }  // namespace tallowmere

@@ -1,6 +1,6 @@
 // Interned strings the module uses as attribute names, dictionary keys and
 // module-global names. One table, interned once per module instance and kept
-// in the module state (`state.names.graph` is the interned "graph").
+// in the module state of tallowmere.submit (`state.names.graph` is the interned "graph").
 #pragma once
 
 #include "core/ref.hpp"
