@@ -261,6 +261,24 @@ def test_a_client_on_https_cannot_leak_its_token_through_a_plain_http_transport(
     assert seen == [] and "my-secret-token" not in str(caught.value)
 
 
+@DRIVERS
+@pytest.mark.parametrize("token", ["my-secret-token-123\n", "my secret", "my-secret-tökén", "", "my-\x00secret"])
+def test_a_token_http_cannot_carry_is_refused_without_being_quoted(driver: str, token: str) -> None:
+    harness = Harness(driver, [status(200)])
+    with pytest.raises(ValueError, match="refusing to send the Authorization header") as caught:
+        harness.request("GET", "/eras", headers={"Authorization": "Bearer " + token})
+    assert harness.bodies == [] and "secret" not in str(caught.value)
+
+
+def test_the_submission_client_reports_no_token_through_the_retrying_transport() -> None:
+    inner = httpx.Client(base_url="http://127.0.0.1:9", transport=httpx.MockTransport(
+        lambda request: httpx.Response(200, json={"status": "signal_found"})))  # fmt: skip
+    client = SignalServiceClient("http://127.0.0.1:9", "my-secret-token-123\n", transport=RetryingClient(client=inner))
+    with pytest.raises(ValueError) as caught:
+        client.get_signal_status("s-1")
+    assert "my-secret" not in str(caught.value)
+
+
 def test_a_default_authorization_header_of_the_inner_client_is_checked_too() -> None:
     inner = httpx.Client(base_url="http://signals.example.com", headers={"Authorization": "Bearer x"},
                          transport=httpx.MockTransport(lambda request: httpx.Response(200)))  # fmt: skip

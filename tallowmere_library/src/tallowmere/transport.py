@@ -34,7 +34,9 @@ Both transports refuse to send an ``Authorization`` header anywhere the client
 itself would refuse to: plain ``http`` is allowed only to a loopback host (see
 :func:`tallowmere.security.transport.validate_bearer_transport_url`). The check
 is made on the URL each request actually goes to, so a transport built on a
-different base URL than its client cannot leak the token.
+different base URL than its client cannot leak the token. They also refuse an
+``Authorization`` header whose token holds whitespace, control or non-ASCII
+characters, which would otherwise fail with an error quoting the token.
 """
 
 from __future__ import annotations
@@ -213,6 +215,23 @@ class _Attempts:
         return delay
 
 
+def _check_authorization_value(headers: Mapping[str, str] | None) -> None:
+    """Refuse an Authorization header that HTTP cannot carry, without repeating it.
+
+    Sent as it is, such a header fails inside the HTTP library with a message
+    that quotes it, token included, and the client would report that message.
+    """
+    for name, value in (headers or {}).items():
+        if name.lower() != "authorization" or not isinstance(value, str):
+            continue
+        _scheme, _, credentials = value.partition(" ")
+        if not credentials or any(not 0x21 <= ord(character) <= 0x7E for character in credentials):
+            raise ValueError(
+                "refusing to send the Authorization header: its token is empty or contains whitespace, "
+                "control or non-ASCII characters (a trailing newline read from a file?)"
+            )
+
+
 def _check_token_destination(request: httpx.Request) -> None:
     """Refuse a request that would carry an Authorization header where a bearer token must not go."""
     if "authorization" in request.headers:
@@ -290,8 +309,10 @@ class RetryingClient:
 
         The last transport error is raised when no attempt got an answer.
         Raises ``ValueError`` before sending anything when the request carries
-        an ``Authorization`` header to a URL that may not carry a bearer token.
+        an ``Authorization`` header to a URL that may not carry a bearer token,
+        or one whose token HTTP cannot carry (the message never repeats it).
         """
+        _check_authorization_value(headers)
         attempts = _Attempts(self.policy, method, url, content, headers, self._clock, self._rng)
         while True:
             _rewind(content)
@@ -382,6 +403,7 @@ class AsyncRetryingClient:
 
         As :meth:`RetryingClient.request`.
         """
+        _check_authorization_value(headers)
         attempts = _Attempts(self.policy, method, url, content, headers, self._clock, self._rng)
         while True:
             _rewind(content)
