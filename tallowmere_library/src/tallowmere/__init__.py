@@ -30,7 +30,7 @@ timings), :mod:`tallowmere.submissions` (threshold gates, pool lookup),
 :mod:`tallowmere.security`, :mod:`tallowmere.telemetry`, :mod:`tallowmere.api`
 (result records) and :mod:`tallowmere.agent_onboarding`.
 
-Importing this package imports nothing else but ``logging`` and
+Importing this package imports only ``logging``, ``typing`` and
 ``importlib``, so ``import tallowmere.submit`` pays only for what the client
 needs. Like any library, it leaves logging to the application: the
 ``tallowmere`` logger has only a ``NullHandler``, so its warnings appear once
