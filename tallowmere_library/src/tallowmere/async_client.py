@@ -82,7 +82,12 @@ class _Call:
         with self._lock:
             if self.cancelled:
                 raise concurrent.futures.CancelledError()
-            future = asyncio.run_coroutine_threadsafe(self._on_loop(request), self.loop)
+            coroutine = self._on_loop(request)
+            try:
+                future = asyncio.run_coroutine_threadsafe(coroutine, self.loop)
+            except BaseException:  # a closed loop: the request was never scheduled
+                coroutine.close()
+                raise
             self._in_flight.add(future)
         try:
             return future.result()
@@ -192,6 +197,8 @@ def _streamable(content: Any, headers: Mapping[str, str] | None) -> tuple[Any, M
         length = content.seek(0, os.SEEK_END)
         content.seek(offset)
     except (AttributeError, OSError):
+        return _StreamedBody(content), headers
+    if not isinstance(length, int):
         return _StreamedBody(content), headers
     return _StreamedBody(content), {**(headers or {}), "Content-Length": str(length)}
 
