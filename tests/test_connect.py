@@ -127,6 +127,9 @@ def test_importing_the_package_or_the_compiled_client_loads_none_of_the_new_modu
         "print(json.dumps([before, after]))"
     ))  # fmt: skip
     assert loaded == [["tallowmere"], []]
+    # the blocking client leaves asyncio alone
+    assert run_python("import sys, tallowmere; tallowmere.connect('https://signals.example.com', 'tok').close();"
+                      "print('asyncio' in sys.modules)").strip() == "False"  # fmt: skip
 
 
 def test_every_lazy_name_resolves_and_is_listed() -> None:

@@ -17,7 +17,7 @@ that would echo it.
 from __future__ import annotations
 
 import os
-from collections.abc import Callable
+from collections.abc import Callable, Collection
 from types import TracebackType
 from typing import TYPE_CHECKING, Final
 
@@ -27,8 +27,6 @@ from tallowmere.submit import SignalServiceClient
 from tallowmere.transport import RetryingClient, RetryPolicy
 
 if TYPE_CHECKING:
-    from collections.abc import Collection
-
     from tallowmere.async_client import AsyncSignalServiceClient
 
 __all__ = ["BASE_URL_VARIABLE", "TOKEN_VARIABLE", "ConnectedClient", "check_token", "connect", "connect_async"]

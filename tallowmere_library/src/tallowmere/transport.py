@@ -41,7 +41,6 @@ characters, which would otherwise fail with an error quoting the token.
 
 from __future__ import annotations
 
-import asyncio
 import email.utils
 import json
 import logging
@@ -354,7 +353,7 @@ class AsyncRetryingClient:
     """The asynchronous twin of :class:`RetryingClient`, over ``httpx.AsyncClient``.
 
     Same policy, same decisions, same logging; its methods are coroutines and
-    it waits with ``asyncio.sleep``. Its request bodies are bytes or
+    it waits with ``asyncio.sleep`` (or ``sleep=``). Its request bodies are bytes or
     asynchronous iterables (rewound before each attempt when they have
     ``seek``).
     """
@@ -366,10 +365,14 @@ class AsyncRetryingClient:
         timeout: float = 30.0,
         policy: RetryPolicy | None = None,
         client: httpx.AsyncClient | None = None,
-        sleep: Callable[[float], Awaitable[object]] = asyncio.sleep,
+        sleep: Callable[[float], Awaitable[object]] | None = None,
         clock: Callable[[], float] = time.monotonic,
         rng: Callable[[], float] = random.random,
     ) -> None:
+        if sleep is None:
+            import asyncio  # here, so that the blocking transport's users never load it
+
+            sleep = asyncio.sleep
         self.policy = policy or RetryPolicy()
         if client is None:
             client = httpx.AsyncClient(base_url=_checked_base_url(base_url, "AsyncRetryingClient"), timeout=timeout)
