@@ -1,13 +1,25 @@
-"""Shared helpers of the command-line tests: running ``tallowmere`` in-process, a service, graph files."""
+"""Shared helpers of the command-line tests: running ``tallowmere`` in-process or on a pseudo-terminal, a service,
+graph files."""
 
 from __future__ import annotations
 
+import fcntl
 import json
-from collections.abc import Iterator
+import os
+import pty
+import re
+import select
+import struct
+import subprocess
+import sys
+import tempfile
+import termios
+import time
+from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any
+from typing import IO, Any
 
 import httpx
 import pytest
@@ -87,3 +99,95 @@ def stored_with_key(service: RunningService, key: str) -> list[dict[str, Any]]:
     answer.raise_for_status()
     submissions: list[dict[str, Any]] = answer.json()["submissions"]
     return submissions
+
+
+ANSI = re.compile(r"\x1b\[[0-9;?]*[ -/]*[@-~]|\x1b[()][0-9A-Za-z]|\r")
+
+
+def plain_text(raw: bytes) -> str:
+    """Terminal output without its escape sequences and carriage returns."""
+    return ANSI.sub("", raw.decode("utf-8", errors="replace"))
+
+
+def tallowmere(*argv: str) -> list[str]:
+    """The command line that runs ``tallowmere argv`` in a new interpreter."""
+    return [sys.executable, "-m", "tallowmere", *argv]
+
+
+@dataclass(frozen=True)
+class TerminalRun:
+    """A run with one stream on a pseudo-terminal: its exit status, what the terminal showed, the other stream."""
+
+    code: int
+    screen: str
+    other: str
+
+
+def run_on_terminal(
+    argv: list[str],
+    *,
+    columns: int = 80,
+    stream: str = "stdout",
+    timeout: float = 60.0,
+    env: dict[str, str] | None = None,
+) -> TerminalRun:
+    """Run ``tallowmere argv`` with ``stream`` (stdout or stderr) on a pseudo-terminal ``columns`` wide.
+
+    ``COLUMNS`` and the terminal's window size agree, as in a real terminal.
+    """
+    master, slave = pty.openpty()
+    fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 40, columns, 0, 0))
+    environment = {**(env if env is not None else os.environ), "COLUMNS": str(columns), "TERM": "xterm"}
+    with tempfile.TemporaryFile() as other:
+        out, err = (slave, other.fileno()) if stream == "stdout" else (other.fileno(), slave)
+        process = subprocess.Popen(tallowmere(*argv), stdin=subprocess.DEVNULL, stdout=out, stderr=err, env=environment)
+        os.close(slave)
+        screen = bytearray()
+        deadline = time.monotonic() + timeout
+        try:
+            while time.monotonic() < deadline:
+                ready, _, _ = select.select([master], [], [], 0.2)
+                if not ready:
+                    if process.poll() is not None:
+                        break
+                    continue
+                try:
+                    chunk = os.read(master, 65536)
+                except OSError:  # the child closed its end
+                    break
+                if not chunk:
+                    break
+                screen.extend(chunk)
+            code = process.wait(timeout=max(deadline - time.monotonic(), 1.0))
+        finally:
+            os.close(master)
+            if process.poll() is None:
+                process.kill()
+        other.seek(0)
+        return TerminalRun(code, plain_text(bytes(screen)), other.read().decode("utf-8", errors="replace"))
+
+
+def wait_until(condition: Callable[[], bool], timeout: float = 30.0, what: str = "the condition") -> None:
+    """Return once ``condition()`` holds, checking every 50 ms; fail the test after ``timeout`` seconds."""
+    deadline = time.monotonic() + timeout
+    while not condition():
+        if time.monotonic() > deadline:
+            raise AssertionError(f"timed out after {timeout:g} s waiting for {what}")
+        time.sleep(0.05)
+
+
+def read_until(stream: IO[bytes], marker: str, timeout: float = 30.0) -> str:
+    """Read ``stream`` (a pipe) until ``marker`` appears; return what was read."""
+    seen = b""
+    deadline = time.monotonic() + timeout
+    while marker.encode() not in seen:
+        remaining = deadline - time.monotonic()
+        if remaining <= 0:
+            raise AssertionError(f"timed out waiting for {marker!r}; read {seen.decode(errors='replace')!r}")
+        ready, _, _ = select.select([stream], [], [], remaining)
+        if ready:
+            chunk = os.read(stream.fileno(), 65536)
+            if not chunk:
+                raise AssertionError(f"the stream ended before {marker!r}; read {seen.decode(errors='replace')!r}")
+            seen += chunk
+    return seen.decode(errors="replace")

@@ -4,12 +4,13 @@ from __future__ import annotations
 
 import io
 import json
+import re
 from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
 
-from cli_support import REVERSAL, TOKEN, WEAK, Run, fault_service, run_cli, volume_graph, write_graph
+from cli_support import REVERSAL, TOKEN, WEAK, Run, fault_service, run_cli, stored_with_key, volume_graph, write_graph
 from tallowmere.service import RunningService
 
 
@@ -24,11 +25,19 @@ def environment(service: RunningService, monkeypatch: pytest.MonkeyPatch, tmp_pa
     monkeypatch.setenv("TALLOWMERE_BASE_URL", service.base_url)
     monkeypatch.setenv("TALLOWMERE_TOKEN", TOKEN)
     monkeypatch.setenv("TALLOWMERE_AGENT_CONFIG", str(tmp_path / "no-agent.toml"))
+    monkeypatch.setenv("TALLOWMERE_CACHE_DIR", str(tmp_path / "cache"))
+
+
+PROGRESS_LINE = re.compile(r"^tallowmere [a-z-]+: [^:]+: \d+/\d+ ")
 
 
 def one_line_error(run: Run, command: str) -> str:
-    """The error message of a failed run, checked to be one line with no traceback."""
-    lines = [line for line in run.err.splitlines() if not line.startswith("tallowmere.transport: retrying")]
+    """The error message of a failed run, checked to be one line with no traceback (beside progress lines)."""
+    lines = [
+        line for line in run.err.splitlines()
+        if not line.startswith("tallowmere.transport: retrying") and not PROGRESS_LINE.match(line)
+        and ": warning: " not in line
+    ]  # fmt: skip
     assert len(lines) == 1 and "Traceback" not in run.err, run.err
     assert lines[0].startswith(f"tallowmere {command}: error: ")
     return lines[0]
@@ -53,12 +62,21 @@ def test_submit_poll_and_list_follow_a_signal_to_its_payment(
     assert table.code == 0 and "signal_useful" in table.out and "TMC" in table.out
 
 
-def test_a_copy_is_rejected_and_poll_says_so(capsys: pytest.CaptureFixture[str], tmp_path: Path) -> None:
+def test_a_rerun_replays_and_a_fresh_one_is_a_rejected_copy(
+    capsys: pytest.CaptureFixture[str], tmp_path: Path, service: RunningService
+) -> None:
     graph_file = write_graph(tmp_path, REVERSAL)
-    ids = []
-    for _ in range(2):  # each run simulates anew, so the second is a new submission of the same signal
-        run = run_cli(capsys, "submit", graph_file, "--universe", "top300", "--pool", "momentum", "--json")
-        ids.append(run.json()["submission_id"])
+    submit = ["submit", graph_file, "--universe", "top300", "--pool", "momentum", "--json"]
+    first, again = run_cli(capsys, *submit).json(), run_cli(capsys, *submit).json()
+    # The cached simulation gives the same body, so the same derived key: the service replays it.
+    assert again["submission_id"] == first["submission_id"] and again["simulation"]["cached"]
+    assert len(stored_with_key(service, first["body"]["idempotency_key"])) == 1
+    keyed = [*submit, "--idempotency-key", "cli-replay-k"]
+    assert run_cli(capsys, *keyed).json()["submission_id"] == run_cli(capsys, *keyed).json()["submission_id"]
+    # Simulated anew, the timings differ: a new submission of the same signal, which the pool rejects.
+    fresh = run_cli(capsys, *submit, "--fresh").json()
+    assert not fresh["simulation"]["cached"] and fresh["body"]["idempotency_key"] != first["body"]["idempotency_key"]
+    ids = [first["submission_id"], fresh["submission_id"]]
     polled = run_cli(capsys, "poll", *ids, "--interval", "0.05")
     assert polled.code == 1
     assert one_line_error(polled, "poll").endswith(f"{ids[1]}: signal_is_rejected")
@@ -74,14 +92,31 @@ def test_a_copy_is_rejected_and_poll_says_so(capsys: pytest.CaptureFixture[str],
         (["submit-strategy", "{graph}", "--universe", "top300", "--pool", "core", "--market-id", "1",
           "--era-number", "2"], 1, "the service refused POST /strategies/submit: era_not_active (HTTP 422)"),
         (["status", "sig_missing"], 1, "sig_missing: unknown submission (HTTP 404)"),
-        (["eras", "--token", "not-a-known-token"], 1, "the service refused GET /eras: unknown bearer token (HTTP 401)"),
+        (["eras", "--token", "not-a-known-token"], 1, "the service refused GET /eras: unknown bearer token "
+         "(HTTP 401); the token given with --token was not accepted: check it (or drop --token to use "
+         "$TALLOWMERE_TOKEN)"),
+        (["list", "--token", "not-a-known-token"], 1, "the token given with --token was not accepted"),
+        (["status", "sig_x", "--token", "not-a-known-token"], 1, "the token given with --token was not accepted"),
         # Nobody listens there.
-        (["list", "--base-url", "http://127.0.0.1:9", "--no-retries"], 1,
+        (["list", "--base-url", "http://127.0.0.1:9", "--no-retries"], 3,
          "could not reach the service at http://127.0.0.1:9"),
+        (["status", "sig_x", "--base-url", "http://127.0.0.1:9", "--no-retries"], 3,
+         "could not reach the service at http://127.0.0.1:9"),
+        # Polling goes on through the outage until the wait is over.
+        (["poll", "sig_x", "--base-url", "http://127.0.0.1:9", "--no-retries", "--wait", "0.5", "--interval", "0.1"],
+         3, "could not reach the service at http://127.0.0.1:9 when the wait of 0.5 s ran out"),
         # Refused locally, before anything is sent.
         (["submit", "{weak}", "--universe", "top300", "--pool", "momentum"], 2, "not sent: sharpe failed: "),
         (["submit", "{graph}", "--universe", "top300", "--pool", "nopool"], 2,
-         "not sent: thresholds unavailable: signal_pool_name nopool not found"),
+         "not sent: unknown signal pool 'nopool' in market 1, era 3 (its pools: momentum, reversal)"),
+        (["submit", "{graph}", "--universe", "top300", "--pool", "momentum", "--market-id", "7"], 2,
+         "not sent: market 7 is not in the service's catalog (its markets: 1)"),
+        (["submit", "{graph}", "--universe", "top300", "--pool", "momentum", "--era-number", "9"], 2,
+         "not sent: era 9 is not in the service's catalog (its eras: 2, 3)"),
+        (["submit-strategy", "{graph}", "--universe", "top300", "--pool", "core", "--market-id", "7",
+          "--era-number", "3"], 2, "not sent: market 7 is not in the service's catalog (its markets: 1)"),
+        (["simulate", "{deep}"], 2, "nested more than 200 levels deep; no era accepts such a graph"),
+        (["submit", "{deep}", "--universe", "top300", "--pool", "momentum"], 2, "nested more than 200 levels deep"),
         (["submit", "{graph}", "--pool", "momentum"], 2, "no named universe: pass --universe or set named_universe in"),
         (["submit", "{bad_op}", "--universe", "top300", "--pool", "momentum"], 2, "unknown operator 'clsoe'"),
         (["submit", "{missing}", "--universe", "top300", "--pool", "momentum"], 2, "missing.json: no such file"),
@@ -91,6 +126,9 @@ def test_a_copy_is_rejected_and_poll_says_so(capsys: pytest.CaptureFixture[str],
         (["submit", "{graph}", "--universe", "top300"], 2, "the following arguments are required: --pool"),
         (["list", "--limit", "0"], 2, "argument --limit: must be an integer from 1 to 1000"),
         (["poll", "sig_x", "--until", "forever"], 2, "argument --until: invalid choice"),
+        (["status", ""], 2, "argument SUBMISSION_ID: must not be empty"),
+        (["poll", "sig_x", " "], 2, "argument SUBMISSION_ID: must not be empty"),
+        (["batch", "{graph}", "--chunk-size", "101"], 2, "argument --chunk-size: must be an integer from 1 to 100"),
         (["submit", "{graph}", "--pool", "momentum", "--metaparameters", "[1]"], 2, "must be a JSON object"),
     ],
 )  # fmt: skip
@@ -103,8 +141,10 @@ def test_exit_statuses_and_messages(
         "bad_op": write_graph(tmp_path, {"op": "rank", "args": [{"op": "clsoe"}]}, "bad.json"),
         "missing": str(tmp_path / "missing.json"),
         "nan": str(tmp_path / "nan.json"),
+        "deep": str(tmp_path / "deep.json"),
     }
     (tmp_path / "nan.json").write_text('{"op": "const", "value": NaN}')
+    (tmp_path / "deep.json").write_text('{"op": "neg", "args": [' * 5_000 + '{"op": "close"}' + "]}" * 5_000)
     run = run_cli(capsys, *(part.format(**files) for part in argv))
     assert run.code == code
     command = argv[0]
@@ -134,47 +174,6 @@ def test_json_output_parses(capsys: pytest.CaptureFixture[str], tmp_path: Path, 
     assert isinstance(document, dict) and document
 
 
-def test_batch_reports_each_line(capsys: pytest.CaptureFixture[str], tmp_path: Path) -> None:
-    lines = [
-        json.dumps(volume_graph(31)),
-        "",
-        json.dumps({"graph": volume_graph(32), "signal_pool_name": "reversal", "idempotency_key": "cli-batch-k"}),
-        json.dumps({"graph": volume_graph(33), "named_universe": "liquid150", "idempotency_key": "cli-batch-k"}),
-    ]
-    (tmp_path / "batch.jsonl").write_text("\n".join(lines) + "\n")
-    batch_file = str(tmp_path / "batch.jsonl")
-    run = run_cli(capsys, "batch", batch_file, "--universe", "top300", "--pool", "momentum", "--json")
-    assert run.code == 1
-    document = run.json()
-    assert (document["accepted"], document["failed"]) == (2, 1)
-    assert [(item["line"], item["error"]) for item in document["items"]] == [
-        (1, None), (3, None), (4, "idempotency_key_reused"),
-    ]  # fmt: skip
-    assert run.err.strip() == "tallowmere batch: error: 1 of 3 items were refused"
-
-
-@pytest.mark.parametrize(
-    ("lines", "message"),
-    [
-        (['{"op": "rank", "args": [{"op": "volume"}]}', '{"graph": [1]}'], "line 2: 'graph' must be a JSON object"),
-        (['{"graph": {"op": "volume"}, "pool": "x"}'], "line 1: unknown item key(s) pool"),
-        (['{"op": "rank"', ], "line 1: not valid JSON"),
-        (['{"graph": {"op": "volume"}, "market_id": 0}'], "line 1: market_id must be a positive integer, got 0"),
-        ([json.dumps(volume_graph(5)), json.dumps(WEAK)],
-         "1 of 2 signals fail the era's gates, nothing was sent: line 2: sharpe failed"),
-        (['{"op": "rank", "args": []}', '{"op": "ts_mean", "window": 0, "args": [{"op": "close"}]}'],
-         "2 of 2 lines cannot be sent: line 1: graph node at root (rank): expects 1 argument(s), got 0; line 2: "),
-    ],
-)  # fmt: skip
-def test_batch_refuses_bad_lines_naming_them(
-    capsys: pytest.CaptureFixture[str], tmp_path: Path, lines: list[str], message: str
-) -> None:
-    (tmp_path / "batch.jsonl").write_text("\n".join(lines))
-    run = run_cli(capsys, "batch", str(tmp_path / "batch.jsonl"), "--universe", "top300", "--pool", "momentum")
-    assert run.code == 2
-    assert message in one_line_error(run, "batch")
-
-
 def test_the_token_never_appears_in_any_output(
     capsys: pytest.CaptureFixture[str], tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
@@ -188,7 +187,8 @@ def test_the_token_never_appears_in_any_output(
     ]
     monkeypatch.setenv("TALLOWMERE_TOKEN", "other-token")
     runs.append(run_cli(capsys, "eras", "--debug"))  # a token the service does not know
-    assert [run.code for run in runs] == [0, 0, 0, 1, 2, 1]
+    assert [run.code for run in runs] == [0, 0, 0, 3, 2, 1]
+    assert "the token in $TALLOWMERE_TOKEN was not accepted: check it, or pass --token" in runs[-1].err
     for run in runs:
         assert TOKEN not in run.out + run.err
         assert "other-token" not in run.out + run.err
@@ -208,4 +208,4 @@ def test_eras_of_one_market(capsys: pytest.CaptureFixture[str]) -> None:
     shown = run_cli(capsys, "eras", "--market-id", "1", "--json").json()
     assert [era["era_number"] for era in shown["eras"]] == [2, 3] and shown["active_era_number"] == 3
     missing = run_cli(capsys, "eras", "--market-id", "7")
-    assert missing.code == 1 and "no eras for market 7" in missing.err
+    assert missing.code == 1 and "no eras for market 7 (its markets: 1)" in missing.err

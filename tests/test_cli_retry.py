@@ -10,6 +10,7 @@ import httpx
 import pytest
 
 from cli_support import TOKEN, fault_service, run_cli, script_faults, stored_with_key, volume_graph, write_graph
+from tallowmere.cli.statuses import FINAL
 from tallowmere.service import RunningService
 
 
@@ -20,9 +21,10 @@ def service(tmp_path_factory: pytest.TempPathFactory) -> Iterator[RunningService
 
 
 @pytest.fixture(autouse=True)
-def environment(service: RunningService, monkeypatch: pytest.MonkeyPatch) -> Iterator[None]:
+def environment(service: RunningService, monkeypatch: pytest.MonkeyPatch, tmp_path: Path) -> Iterator[None]:
     monkeypatch.setenv("TALLOWMERE_BASE_URL", service.base_url)
     monkeypatch.setenv("TALLOWMERE_TOKEN", TOKEN)
+    monkeypatch.setenv("TALLOWMERE_CACHE_DIR", str(tmp_path / "cache"))
     yield
     httpx.delete(service.base_url + "/_faults", headers={"Authorization": f"Bearer {TOKEN}"}).raise_for_status()
 
@@ -73,7 +75,7 @@ def test_status_and_catalog_reads_are_retried(service: RunningService, capsys: p
     assert run_cli(capsys, "eras", "--json").code == 0
     # 500 is not retried: it is the service's own failure, and an HTML page is no status.
     run = run_cli(capsys, "status", "sig_unknown")
-    assert run.code == 1
+    assert run.code == 3  # no usable answer: not a refusal
     assert "answer to GET /signals/status/sig_unknown (HTTP 500) is not the JSON expected" in run.err
     assert run.err.count("retrying GET") == 1
 
@@ -89,3 +91,20 @@ def test_a_batch_answered_503_is_sent_again_and_stored_once(
     assert sent.code == 0
     assert "retrying POST /signals/batch after HTTP 503" in sent.err
     assert len(stored_with_key(service, "retry-batch-43")) == len(stored_with_key(service, "retry-batch-44")) == 1
+
+
+def test_poll_goes_on_through_an_outage_and_says_so(
+    service: RunningService, capsys: pytest.CaptureFixture[str], tmp_path: Path
+) -> None:
+    graph_file = write_graph(tmp_path, volume_graph(45))
+    code, document, _ = submit(capsys, graph_file)
+    assert code == 0
+    # Without the transport's retries, each of these is a round without an answer: about a second of outage.
+    script_faults(service, "signals/status", "drop", "500", "drop", "503_html", "drop", "502", "drop", "drop")
+    polled = run_cli(capsys, "poll", str(document["submission_id"]), "--no-retries", "--interval", "0.1",
+                     "--wait", "30", "--json")  # fmt: skip
+    (final,) = polled.json()["submissions"]
+    assert final["status"] in FINAL and polled.json()["unreachable"] is None
+    assert polled.code == (0 if final["status"] == "signal_useful" else 1), polled.err
+    assert "tallowmere poll: warning: no answer from the service (Server disconnected" in polled.err
+    assert "tallowmere poll: warning: the service answers again, after " in polled.err

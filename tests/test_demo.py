@@ -3,8 +3,10 @@
 from __future__ import annotations
 
 import os
+import re
 import subprocess
 import sys
+from pathlib import Path
 
 import pytest
 
@@ -12,6 +14,11 @@ from cli_support import run_cli
 from tallowmere.cli.candidates import generate_candidates
 from tallowmere.cli.statuses import FINAL
 from tallowmere.simulation.graph_complexity import graph_fingerprint
+
+
+@pytest.fixture(autouse=True)
+def cache_directory(monkeypatch: pytest.MonkeyPatch, tmp_path: Path) -> None:
+    monkeypatch.setenv("TALLOWMERE_CACHE_DIR", str(tmp_path / "cache"))
 
 
 def test_candidates_depend_only_on_the_generator_key() -> None:
@@ -47,4 +54,6 @@ def test_demo_runs_as_a_command() -> None:
     assert finished.returncode == 0, finished.stderr
     assert "Outcome of every candidate" in finished.stdout
     assert "Paid:" in finished.stdout and "Service stopped" in finished.stdout
-    assert finished.stderr == ""
+    # Not on a terminal, progress is plain lines on stderr, and nothing else is there.
+    assert "tallowmere demo: simulating 5 candidates (end): 5/5 (100%)" in finished.stderr
+    assert all(re.match(r"tallowmere demo: [^:]+: \d+/\d+ ", line) for line in finished.stderr.splitlines())

@@ -5,20 +5,19 @@ from __future__ import annotations
 import argparse
 import logging
 import os
+import sys
 import traceback
 from collections.abc import Callable, Iterator, Sequence
 from contextlib import contextmanager
 
 from tallowmere.cli.connection import TOKEN_VARIABLE
-from tallowmere.cli.errors import EXIT_REFUSED, CommandError
-from tallowmere.cli.parser import build_parser
+from tallowmere.cli.errors import EXIT_INTERRUPTED, EXIT_REFUSED, EXIT_USAGE, CommandError
+from tallowmere.cli.extras import SERVICE_EXTRA_HINT, missing_service_packages
+from tallowmere.cli.parser import ArgumentsError, build_parser
 from tallowmere.cli.redaction import Redactor
-from tallowmere.cli.terminal import Terminal
+from tallowmere.cli.terminal import Terminal, json_text
 
 Handler = Callable[[argparse.Namespace, Terminal], int]
-
-EXIT_INTERRUPTED = 130
-"""Exit status after Ctrl-C, as shells report a SIGINT."""
 
 
 class _NotTelemetry(logging.Filter):
@@ -79,7 +78,13 @@ def run_command(args: argparse.Namespace, handler: Handler) -> int:
     redactor = Redactor()
     redactor.add(getattr(args, "token", None))
     redactor.add(os.environ.get(TOKEN_VARIABLE))
-    terminal = Terminal(command=f"tallowmere {args.command}", json_mode=args.json, redactor=redactor)
+    terminal = Terminal(
+        command=f"tallowmere {args.command}",
+        json_mode=args.json,
+        redactor=redactor,
+        wide=getattr(args, "wide", False),
+        progress=getattr(args, "progress", "auto"),
+    )
     with diagnostics_logging(terminal, debug=args.debug):
         try:
             return handler(args, terminal)
@@ -90,6 +95,8 @@ def run_command(args: argparse.Namespace, handler: Handler) -> int:
             _report(terminal, error, error.message, debug=args.debug)
             return error.exit_code
         except KeyboardInterrupt as error:
+            if terminal.json_mode and not terminal.emitted:
+                terminal.emit({"error": "interrupted", "exit_code": EXIT_INTERRUPTED}, lambda page: None)
             _report(terminal, error, "interrupted", debug=args.debug)
             return EXIT_INTERRUPTED
         except Exception as error:  # a defect here or in the library: say so in one line
@@ -98,15 +105,46 @@ def run_command(args: argparse.Namespace, handler: Handler) -> int:
             return EXIT_REFUSED
 
 
+def _wants_json(argv: Sequence[str]) -> bool:
+    """Whether ``--json`` is among the arguments (before a ``--`` that ends the options)."""
+    for argument in argv:
+        if argument == "--":
+            return False
+        if argument == "--json":
+            return True
+    return False
+
+
+def _serve(args: argparse.Namespace) -> int:
+    missing = missing_service_packages()
+    if missing:
+        print(
+            f"tallowmere serve: error: the reference service needs {', '.join(missing)}: {SERVICE_EXTRA_HINT}",
+            file=sys.stderr,
+        )
+        return EXIT_USAGE
+    from tallowmere.service.cli import run_serve
+
+    return run_serve(args)
+
+
 def main(argv: Sequence[str] | None = None) -> int:
     """Run the ``tallowmere`` command with ``argv`` (default: the process arguments); return its exit status.
 
-    Argument errors exit through ``SystemExit`` with status 2, as argparse does.
+    Bad arguments write one line on stderr (and, with ``--json``,
+    ``{"error": ..., "exit_code": 2}`` on stdout) and exit through
+    ``SystemExit`` with status 2, as argparse does; ``--help`` and
+    ``--version`` exit through it with status 0.
     """
-    args = build_parser().parse_args(argv)
+    arguments = list(sys.argv[1:] if argv is None else argv)
+    try:
+        args = build_parser().parse_args(arguments)
+    except ArgumentsError as error:
+        if _wants_json(arguments):
+            print(json_text({"error": error.message, "exit_code": EXIT_USAGE}), flush=True)
+        print(error.line(), file=sys.stderr)
+        raise SystemExit(EXIT_USAGE) from None
     if args.command == "serve":
-        from tallowmere.service.cli import run_serve
-
-        return run_serve(args)
+        return _serve(args)
     handler: Handler = args.handler
     return run_command(args, handler)

@@ -34,12 +34,21 @@ TransmissionObserver = Callable[[str, str, dict[str, str], bytes], object]
 
 @dataclass(frozen=True)
 class ServiceAddress:
-    """How to reach the service: its URL, the bearer token, and how patiently to ask."""
+    """How to reach the service: its URL, the bearer token (and where it came from), and how patiently to ask."""
 
     base_url: str
     token: str = field(repr=False)
     retries: bool = True
     timeout: float = DEFAULT_TIMEOUT_SECONDS
+    token_source: str = TOKEN_VARIABLE
+
+    def token_hint(self) -> str:
+        """What to do about a token the service does not accept, naming where it came from."""
+        if self.token_source == "--token":
+            return f"the token given with --token was not accepted: check it (or drop --token to use ${TOKEN_VARIABLE})"
+        if self.token_source == TOKEN_VARIABLE:
+            return f"the token in ${TOKEN_VARIABLE} was not accepted: check it, or pass --token"
+        return f"the token of {self.token_source} was not accepted"
 
 
 def _check_token(token: str, source: str) -> None:
@@ -70,19 +79,30 @@ def resolve_address(args: argparse.Namespace, environ: Mapping[str, str] | None 
         if not token:
             raise UsageError(f"no token: set {TOKEN_VARIABLE} (or pass --token)")
     _check_token(token, source)
-    return ServiceAddress(base_url=base_url, token=token, retries=not args.no_retries, timeout=args.timeout)
+    return ServiceAddress(
+        base_url=base_url, token=token, retries=not args.no_retries, timeout=args.timeout, token_source=source
+    )
 
 
 @contextmanager
 def open_client(
-    address: ServiceAddress, *, transmission_observer: TransmissionObserver | None = None
+    address: ServiceAddress,
+    *,
+    transmission_observer: TransmissionObserver | None = None,
+    policy: RetryPolicy | None = None,
+    timeout: float | None = None,
 ) -> Iterator[SignalServiceClient]:
-    """Yield a client of ``address`` (through the retrying transport unless retries are off); close it after."""
-    transport = RetryingClient(address.base_url, timeout=address.timeout) if address.retries else None
+    """Yield a client of ``address`` (through the retrying transport unless retries are off); close it after.
+
+    ``policy`` replaces the transport's default retry policy, ``timeout``
+    the address's time limit per attempt.
+    """
+    timeout = address.timeout if timeout is None else timeout
+    transport = RetryingClient(address.base_url, timeout=timeout, policy=policy) if address.retries else None
     client = SignalServiceClient(
         address.base_url,
         address.token,
-        timeout=address.timeout,
+        timeout=timeout,
         transport=transport,
         transmission_observer=transmission_observer,
     )
@@ -103,13 +123,18 @@ def unreachable(address: ServiceAddress, reason: str) -> ServiceUnreachable:
     return ServiceUnreachable(f"could not reach the service at {address.base_url}: {reason}")
 
 
-def refusal_text(status_code: int, error: str | None, body: object) -> str:
-    """Describe a refusal: the service's reason, its HTTP status and, when it gave them, its details."""
+def refusal_text(status_code: int, error: str | None, body: object, address: ServiceAddress | None = None) -> str:
+    """Describe a refusal: the service's reason, its HTTP status and, when it gave them, its details.
+
+    A 401 also says where the token came from (when ``address`` is given).
+    """
     text = f"{error or 'refused'} (HTTP {status_code})"
     if isinstance(body, dict):
         details = body.get("details")
         if details:
             text += f": {_compact(details)}"
+    if status_code == 401 and address is not None:
+        text += f"; {address.token_hint()}"
     return text
 
 
@@ -131,7 +156,7 @@ def request_failure(error: BaseException, address: ServiceAddress, request: str)
         if isinstance(candidate, (httpx.TransportError, ConnectionError)):
             return unreachable(address, transport_error_text(candidate))
         if isinstance(candidate, SubmissionRejectedError):
-            reason = refusal_text(candidate.status_code, candidate.reason, candidate.body)
+            reason = refusal_text(candidate.status_code, candidate.reason, candidate.body, address)
             return ServiceRefusal(f"the service refused {request}: {reason}")
         if isinstance(candidate, SignalClientResponseError):
             return ServiceUnreachable(

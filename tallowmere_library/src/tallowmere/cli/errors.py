@@ -9,10 +9,19 @@ EXIT_OK: Final = 0
 """The command did what was asked and the service accepted it."""
 
 EXIT_REFUSED: Final = 1
-"""The service said no (a rejection, a failed status, a refused batch item) or could not be reached."""
+"""The service said no: a rejection, an unsuccessful status, a refused batch item, an unknown submission."""
 
 EXIT_USAGE: Final = 2
 """Bad arguments, an unreadable or invalid input file, or a local check that failed before anything was sent."""
+
+EXIT_UNREACHABLE: Final = 3
+"""No usable answer came from the service: it could not be reached, or answered something that is not JSON."""
+
+EXIT_STILL_WAITING: Final = 4
+"""``poll`` ran out of ``--wait`` with submissions not yet at the status it waits for."""
+
+EXIT_INTERRUPTED: Final = 130
+"""Ctrl-C, as shells report a SIGINT."""
 
 LISTED_PROBLEMS: Final = 5
 """Problems a message names before it summarises the rest."""
@@ -54,6 +63,12 @@ class ServiceRefusal(CommandError):
 
 
 class ServiceUnreachable(CommandError):
-    """No usable answer came back from the service (exit 1)."""
+    """No usable answer came back from the service (exit 3)."""
 
-    exit_code = EXIT_REFUSED
+    exit_code = EXIT_UNREACHABLE
+
+
+class Interrupted(CommandError):
+    """Ctrl-C ended the command; the message says what had been done by then (exit 130)."""
+
+    exit_code = EXIT_INTERRUPTED

@@ -21,6 +21,7 @@ from pathlib import Path
 from typing import Any, Final
 
 from tallowmere.cli.errors import UsageError
+from tallowmere.cli.simulations import MAX_GRAPH_NESTING, nesting_problem
 
 ITEM_OPTIONS: Final = (
     "named_universe",
@@ -34,6 +35,7 @@ ITEM_OPTIONS: Final = (
 
 _POSITIVE_INT_OPTIONS: Final = ("market_id", "era_number")
 _TEXT_OPTIONS: Final = ("named_universe", "signal_pool_name", "idempotency_key")
+_TOO_DEEP: Final = f"nested more than {MAX_GRAPH_NESTING} levels deep; no era accepts such a graph"
 
 
 @dataclass(frozen=True)
@@ -72,6 +74,12 @@ def _source_name(path: str) -> str:
     return "standard input" if path == "-" else path
 
 
+def _check_nesting(name: str, document: Any) -> None:
+    problem = nesting_problem(document)
+    if problem is not None:
+        raise UsageError(f"{name}: {problem}")
+
+
 def read_graph_file(path: str) -> dict[str, Any]:
     """Return the graph held by the JSON file ``path`` (``-``: standard input); `UsageError` when unusable."""
     text = _read_text(path)
@@ -80,10 +88,13 @@ def read_graph_file(path: str) -> dict[str, Any]:
         graph = _parse_json(text)
     except json.JSONDecodeError as exc:
         raise UsageError(f"{name}: not valid JSON (line {exc.lineno}, column {exc.colno}: {exc.msg})") from None
+    except RecursionError:
+        raise UsageError(f"{name}: {_TOO_DEEP}") from None
     except ValueError as exc:
         raise UsageError(f"{name}: {exc}") from None
     if not isinstance(graph, dict):
         raise UsageError(f"{name}: a graph file must hold one JSON object, got {_json_kind(graph)}")
+    _check_nesting(name, graph)
     return graph
 
 
@@ -99,53 +110,108 @@ def _json_kind(value: Any) -> str:
     return "a number"
 
 
+class _InvalidLine(Exception):
+    """A line that is not a usable batch entry (message without the line number)."""
+
+
 def _entry(document: Any, line: int) -> BatchEntry:
     if not isinstance(document, dict):
         kind = _json_kind(document)
-        raise UsageError(f"line {line}: expected a JSON object (a graph or an item with a graph), got {kind}")
+        raise _InvalidLine(f"expected a JSON object (a graph or an item with a graph), got {kind}")
     if "op" in document and "graph" in document:
-        raise UsageError(f"line {line}: has both 'op' and 'graph'; write a bare graph or an item with a graph")
+        raise _InvalidLine("has both 'op' and 'graph'; write a bare graph or an item with a graph")
     if "op" in document:
         return BatchEntry(line=line, graph=document)
     if "graph" not in document:
-        raise UsageError(f"line {line}: neither a graph (no 'op') nor an item (no 'graph')")
+        raise _InvalidLine("neither a graph (no 'op') nor an item (no 'graph')")
     graph = document["graph"]
     if not isinstance(graph, dict):
-        raise UsageError(f"line {line}: 'graph' must be a JSON object, got {_json_kind(graph)}")
+        raise _InvalidLine(f"'graph' must be a JSON object, got {_json_kind(graph)}")
     unknown = sorted(key for key in document if key != "graph" and key not in ITEM_OPTIONS)
     if unknown:
         allowed = ", ".join(("graph", *ITEM_OPTIONS))
-        raise UsageError(f"line {line}: unknown item key(s) {', '.join(unknown)}; allowed: {allowed}")
+        raise _InvalidLine(f"unknown item key(s) {', '.join(unknown)}; allowed: {allowed}")
     options = {key: document[key] for key in ITEM_OPTIONS if key in document and document[key] is not None}
     for key in _POSITIVE_INT_OPTIONS:
         value = options.get(key)
         if value is not None and (isinstance(value, bool) or not isinstance(value, int) or value < 1):
-            raise UsageError(f"line {line}: {key} must be a positive integer, got {json.dumps(value)}")
+            raise _InvalidLine(f"{key} must be a positive integer, got {json.dumps(value)}")
     for key in _TEXT_OPTIONS:
         value = options.get(key)
         if value is not None and (not isinstance(value, str) or not value.strip()):
-            raise UsageError(f"line {line}: {key} must be a non-empty string, got {json.dumps(value)}")
+            raise _InvalidLine(f"{key} must be a non-empty string, got {json.dumps(value)}")
+    metaparameters = options.get("metaparameters")
+    if metaparameters is not None and not isinstance(metaparameters, dict):
+        raise _InvalidLine(f"metaparameters must be a JSON object, got {_json_kind(metaparameters)}")
     return BatchEntry(line=line, graph=graph, options=options)
 
 
-def read_batch_file(path: str) -> list[BatchEntry]:
-    """Return the entries of the JSON Lines file ``path`` (``-``: standard input); `UsageError` naming the line."""
+@dataclass(frozen=True)
+class LineProblem:
+    """Why one line of a batch file cannot be sent.
+
+    ``stage`` names the check that found it: ``json`` (not JSON), ``item``
+    (not a graph or a well-formed item), ``options`` (no pool or universe),
+    ``simulation`` (the simulator refused the graph), ``era`` (an unknown
+    market, era or pool) or ``check`` (the client's own checks: the era's
+    gates, graph limits, timing budgets).
+    """
+
+    line: int
+    stage: str
+    message: str
+
+    def text(self) -> str:
+        """``line 3: <message>``."""
+        return f"line {self.line}: {self.message}"
+
+
+@dataclass
+class BatchFile:
+    """A batch file read in one pass: its usable entries and the problems of the other lines."""
+
+    name: str
+    entries: list[BatchEntry]
+    problems: list[LineProblem]
+
+    @property
+    def line_count(self) -> int:
+        """The lines holding something (blank lines are not counted)."""
+        return len(self.entries) + len(self.problems)
+
+
+def read_batch_file(path: str) -> BatchFile:
+    """Read the JSON Lines file ``path`` (``-``: standard input), checking every line.
+
+    Lines that are not usable are returned as problems, not raised: one
+    pass finds them all. `UsageError` only when the file cannot be read or
+    holds nothing.
+    """
     text = _read_text(path)
     name = _source_name(path)
-    entries: list[BatchEntry] = []
+    batch = BatchFile(name=name, entries=[], problems=[])
     for number, line in enumerate(text.splitlines(), start=1):
         if not line.strip():
             continue
         try:
             document = _parse_json(line)
         except json.JSONDecodeError as exc:
-            raise UsageError(f"{name}: line {number}: not valid JSON (column {exc.colno}: {exc.msg})") from None
+            batch.problems.append(LineProblem(number, "json", f"not valid JSON (column {exc.colno}: {exc.msg})"))
+            continue
+        except RecursionError:
+            batch.problems.append(LineProblem(number, "json", _TOO_DEEP))
+            continue
         except ValueError as exc:
-            raise UsageError(f"{name}: line {number}: {exc}") from None
+            batch.problems.append(LineProblem(number, "json", str(exc)))
+            continue
+        nesting = nesting_problem(document)
+        if nesting is not None:
+            batch.problems.append(LineProblem(number, "item", nesting))
+            continue
         try:
-            entries.append(_entry(document, number))
-        except UsageError as exc:
-            raise UsageError(f"{name}: {exc.message}") from None
-    if not entries:
+            batch.entries.append(_entry(document, number))
+        except _InvalidLine as exc:
+            batch.problems.append(LineProblem(number, "item", str(exc)))
+    if not batch.line_count:
         raise UsageError(f"{name}: holds no graphs")
-    return entries
+    return batch

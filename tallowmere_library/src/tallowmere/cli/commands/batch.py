@@ -1,225 +1,422 @@
-"""``tallowmere batch``: simulate every graph of a JSON Lines file, then submit them as one batch."""
+"""``tallowmere batch``: check every line of a JSON Lines file, then submit the signals chunk by chunk.
+
+1. Read every line, noting each one that is not JSON or not a usable item.
+2. Apply the defaults (``--pool``, ``--universe``) and simulate every graph
+   (cached: a re-run sends the same bodies).
+3. Fetch the era catalog; check each line's market, era and pool, then run
+   the client's own checks of each item without sending anything.
+4. Any problem so far: list them all, by line, and stop (exit 2) — unless
+   ``--skip-invalid``, which sets those lines aside and sends the others.
+5. Lines the ``--ledger`` holds as accepted by an earlier run are not sent.
+6. Send the rest in chunks of ``--chunk-size`` (at most 100), one request
+   each; every accepted item goes into the ledger as its chunk's answer
+   arrives. Ctrl-C stops after reporting what was accepted.
+"""
 
 from __future__ import annotations
 
 import argparse
-import json
-from collections.abc import Callable
+from collections import Counter
+from collections.abc import Sequence
 from dataclasses import dataclass
-from typing import Any
+from pathlib import Path
+from typing import Any, Final
 
-from rich.console import Console
-from rich.text import Text
-
-from tallowmere.api.signal_types import BatchSubmitResult
-from tallowmere.cli.commands.simulate import simulate_graph
+from tallowmere.cli.commands.simulate import simulation_cache
 from tallowmere.cli.commands.submission import named_universe_or_configured
-from tallowmere.cli.connection import (
-    ServiceAddress,
-    answered,
-    fetch_era_catalog,
-    open_client,
-    refusal_text,
-    request_failure,
-    resolve_address,
-    unreachable,
+from tallowmere.cli.connection import ServiceAddress, fetch_era_catalog, open_client, refusal_text, resolve_address
+from tallowmere.cli.errors import (
+    EXIT_OK,
+    EXIT_REFUSED,
+    CommandError,
+    Interrupted,
+    ServiceRefusal,
+    UsageError,
 )
-from tallowmere.cli.errors import EXIT_OK, EXIT_REFUSED, ServiceRefusal, UsageError, problems_text
 from tallowmere.cli.expressions import expression_text
-from tallowmere.cli.inputs import BatchEntry, read_batch_file
-from tallowmere.cli.screening import gate_failure
-from tallowmere.cli.tables import add_row, new_table, numeric
-from tallowmere.cli.terminal import Terminal
-from tallowmere.simulation import SimulationResult
+from tallowmere.cli.inputs import BatchEntry, LineProblem, read_batch_file
+from tallowmere.cli.ledger import Ledger, entry_identity
+from tallowmere.cli.screening import prepared_batch_bodies, target_problem
+from tallowmere.cli.sending import ItemFate, SendReport, client_chunk_size, send_in_chunks
+from tallowmere.cli.simulations import Simulation, SimulationProblem, simulate_graphs
+from tallowmere.cli.tables import Sheet, ident, number, text
+from tallowmere.cli.terminal import Page, Terminal
 from tallowmere.submit import SignalServiceClient
 
+OUTCOME_WORDS: Final = {
+    "accepted": "accepted",
+    "already_accepted": "already accepted (in the ledger)",
+    "refused": "refused",
+    "unanswered": "sent without an answer",
+    "not_sent": "not sent",
+    "skipped": "skipped as invalid",
+}
+"""How the summary line names each outcome, in the order it lists them."""
 
-class BatchProgress:
-    """A transmission observer that counts the batch items the service has answered.
-
-    The client sends a batch in chunks and calls the observer as each
-    chunk's body starts to go out; when chunk ``k`` starts, every chunk
-    before it has been answered.
-    """
-
-    def __init__(self) -> None:
-        """Count from zero, reporting nowhere until `report_to` is set."""
-        self.report_to: Callable[[int], None] | None = None
-        self.started = 0
-
-    def observe(self, method: str, url: str, headers: dict[str, str], body: bytes) -> None:
-        """Note a request body (the client's ``transmission_observer``); only batch bodies count."""
-        if self.report_to is None or not url.rstrip("/").endswith("signals/batch"):
-            return
-        try:
-            chunk = len(json.loads(body)["signals"])
-        except (ValueError, KeyError, TypeError):
-            return
-        self.report_to(self.started)
-        self.started += chunk
+TABLE_WORDS: Final = {
+    "accepted": "accepted",
+    "already_accepted": "in ledger",
+    "refused": "refused",
+    "unanswered": "no answer",
+    "not_sent": "not sent",
+    "skipped": "skipped",
+}
+"""How the table names each outcome (short, to leave room for the reason)."""
 
 
-@dataclass(frozen=True)
-class PreparedItem:
-    """A batch entry with its defaults applied and its simulation done."""
+@dataclass
+class BatchLine:
+    """One non-blank line of the batch file and everything learnt about it."""
 
-    entry: BatchEntry
-    named_universe: str
-    signal_pool_name: str
-    simulation: SimulationResult
+    line: int
+    entry: BatchEntry | None
+    problem: LineProblem | None = None
+    named_universe: str | None = None
+    signal_pool_name: str | None = None
+    simulation: Simulation | None = None
+    prepared: dict[str, Any] | None = None
+    identity: str | None = None
+    outcome: str = "pending"
+    status_code: int | None = None
+    error: str | None = None
+    submission_id: str | None = None
+    body: Any = None
 
-    def body(self) -> dict[str, Any]:
-        """The item as ``submit_signals_batch`` takes it."""
+    @property
+    def usable(self) -> bool:
+        """True while no problem was found and nothing decided its fate."""
+        return self.problem is None and self.outcome == "pending"
+
+    def refuse(self, stage: str, message: str) -> None:
+        """Note why the line cannot be sent."""
+        self.problem = LineProblem(self.line, stage, message)
+
+    def expression(self, max_length: int = 10_000) -> str:
+        """The line's graph in call notation (empty when the line has none)."""
+        return expression_text(self.entry.graph, max_length=max_length) if self.entry is not None else ""
+
+    def options(self) -> dict[str, Any]:
+        """The options the line sets, the command's defaults filled in."""
+        return dict(self.entry.options) if self.entry is not None else {}
+
+    def item(self) -> dict[str, Any]:
+        """The line as ``submit_signals_batch`` takes it."""
+        if self.entry is None or self.simulation is None:
+            raise RuntimeError(f"line {self.line} is not ready to send")
         item: dict[str, Any] = {
             "graph": self.entry.graph,
             "named_universe": self.named_universe,
             "signal_pool_name": self.signal_pool_name,
-            "is_stats": dict(self.simulation.is_stats),
-            "is_pnl_mi": self.simulation.is_pnl_mi,
-            "expression_elapsed_seconds": self.simulation.expression_elapsed_seconds,
+            **self.simulation.submission_kwargs(),
         }
         for key in ("market_id", "era_number", "idempotency_key", "metaparameters"):
             if key in self.entry.options:
                 item[key] = self.entry.options[key]
         return item
 
-
-def _prepare_one(entry: BatchEntry, args: argparse.Namespace, default_universe: str | None) -> PreparedItem:
-    pool = entry.options.get("signal_pool_name", args.signal_pool_name)
-    if pool is None:
-        raise UsageError(f"line {entry.line}: no signal_pool_name (give one in the item or pass --pool)")
-    universe: str | None = entry.options.get("named_universe", default_universe)
-    if universe is None:
-        raise UsageError(f"line {entry.line}: no named_universe (give one in the item or pass --universe)")
-    simulation = simulate_graph(entry.graph, f"line {entry.line}")
-    defaults = (("market_id", args.market_id), ("era_number", args.era_number))
-    options = {key: value for key, value in defaults if value is not None}
-    options.update(entry.options)
-    return PreparedItem(BatchEntry(entry.line, entry.graph, options), universe, pool, simulation)
-
-
-def _prepare(args: argparse.Namespace, entries: list[BatchEntry], terminal: Terminal) -> list[PreparedItem]:
-    """Apply the defaults to every entry and simulate it; `UsageError` naming every line that cannot be sent."""
-    default_universe = args.named_universe
-    if default_universe is None and any("named_universe" not in entry.options for entry in entries):
-        default_universe = named_universe_or_configured(None)
-    problems: list[str] = []
-    prepared: list[PreparedItem] = []
-    with terminal.progress(f"simulating {len(entries)} graphs", total=len(entries)) as advance:
-        for done, entry in enumerate(entries, start=1):
-            try:
-                prepared.append(_prepare_one(entry, args, default_universe))
-            except UsageError as exc:
-                problems.append(exc.message)
-            advance(done)
-    if problems:
-        raise UsageError(f"{len(problems)} of {len(entries)} lines cannot be sent: {problems_text(problems)}")
-    return prepared
+    def document(self) -> dict[str, Any]:
+        """The JSON form of the line's fate."""
+        key = self.prepared.get("idempotency_key") if self.prepared is not None else None
+        return {
+            "line": self.line,
+            "expression": self.expression(),
+            "outcome": self.outcome,
+            "status_code": self.status_code,
+            "error": self.error,
+            "submission_id": self.submission_id,
+            "idempotency_key": key,
+            "problem": None if self.problem is None else {"stage": self.problem.stage, "message": self.problem.message},
+            "body": self.body,
+        }
 
 
-def _screen(items: list[PreparedItem], catalog: dict[str, Any]) -> None:
-    problems = []
-    for item in items:
-        reason = gate_failure(
+def _apply_defaults(lines: Sequence[BatchLine], args: argparse.Namespace) -> None:
+    configured: str | None = args.named_universe
+    configured_problem: str | None = None
+    if configured is None and any(line.usable and "named_universe" not in line.options() for line in lines):
+        try:
+            configured = named_universe_or_configured(None)
+        except UsageError as exc:
+            configured_problem = exc.message
+    defaults = {"market_id": args.market_id, "era_number": args.era_number}
+    for line in lines:
+        if not line.usable or line.entry is None:
+            continue
+        options = {key: value for key, value in defaults.items() if value is not None}
+        options.update(line.entry.options)
+        line.entry = BatchEntry(line.entry.line, line.entry.graph, options)
+        line.signal_pool_name = options.get("signal_pool_name", args.signal_pool_name)
+        line.named_universe = options.get("named_universe", configured)
+        if line.signal_pool_name is None:
+            line.refuse("options", "no signal_pool_name (give one in the item or pass --pool)")
+        elif line.named_universe is None:
+            why = f"; {configured_problem}" if configured_problem else ""
+            line.refuse("options", f"no named_universe (give one in the item or pass --universe{why})")
+
+
+def _simulate(lines: Sequence[BatchLine], args: argparse.Namespace, terminal: Terminal) -> None:
+    pending = [line for line in lines if line.usable and line.entry is not None]
+    graphs = [line.entry.graph for line in pending if line.entry is not None]
+    done = 0
+
+    def advance(count: int) -> None:
+        nonlocal done
+        done = count
+        report.update(count)
+
+    try:
+        with terminal.progress(f"simulating {len(graphs)} graphs", total=len(graphs)) as report:
+            outcomes = simulate_graphs(graphs, simulation_cache(args, terminal), advance)
+    except KeyboardInterrupt:
+        progress = f"{done} of {len(graphs)} graphs done, kept in the cache"
+        raise Interrupted(f"interrupted while simulating ({progress}); nothing was sent") from None
+    for line, outcome in zip(pending, outcomes, strict=True):
+        if isinstance(outcome, SimulationProblem):
+            line.refuse("simulation", outcome.message)
+        else:
+            line.simulation = outcome
+
+
+def _check(lines: Sequence[BatchLine], client: SignalServiceClient, catalog: dict[str, Any]) -> None:
+    """Check each line's target in the catalog, then run the client's checks; note the body of each that passes."""
+    for line in lines:
+        if not line.usable:
+            continue
+        options = line.options()
+        problem = target_problem(
             catalog,
-            named_universe=item.named_universe,
-            signal_pool_name=item.signal_pool_name,
-            is_stats=item.simulation.is_stats,
-            is_pnl_mi=item.simulation.is_pnl_mi,
-            market_id=item.entry.options.get("market_id"),
-            era_number=item.entry.options.get("era_number"),
+            market_id=options.get("market_id"),
+            era_number=options.get("era_number"),
+            signal_pool_name=line.signal_pool_name,
         )
-        if reason is not None:
-            problems.append(f"line {item.entry.line}: {reason}")
-    if problems:
-        raise UsageError(
-            f"{len(problems)} of {len(items)} signals fail the era's gates, nothing was sent: {problems_text(problems)}"
+        if problem is not None:
+            line.refuse("era", problem)
+    ready = [line for line in lines if line.usable]
+    for line, outcome in zip(ready, prepared_batch_bodies(client, [line.item() for line in ready]), strict=True):
+        if isinstance(outcome, str):
+            line.refuse("check", outcome)
+            continue
+        line.prepared = outcome
+        options = line.options()
+        line.identity = entry_identity(
+            outcome.get("graph"),
+            named_universe=str(outcome.get("named_universe")),
+            signal_pool_name=str(outcome.get("signal_pool_name")),
+            market_id=outcome.get("market_id"),
+            era_number=outcome.get("era_number"),
+            metaparameters=options.get("metaparameters"),
+            idempotency_key=options.get("idempotency_key"),
         )
 
 
-def batch_document(items: list[PreparedItem], result: BatchSubmitResult) -> dict[str, Any]:
-    """The JSON form of a batch answer, each item with its input line (items left unanswered have no entry)."""
-    answered = []
-    for item_result in result.results:
-        item = items[item_result.index]
-        answered.append(
-            {
-                "line": item.entry.line,
-                "index": item_result.index,
-                "expression": expression_text(item.entry.graph, max_length=10_000),
-                "status_code": item_result.status_code,
-                "error": item_result.error,
-                "submission_id": item_result.submission_id,
-                "body": item_result.body,
-            }
-        )
+def _problem_lines(name: str, lines: Sequence[BatchLine]) -> list[str]:
+    return [f"{name}: {line.problem.text()}" for line in lines if line.problem is not None]
+
+
+def _problems_document(lines: Sequence[BatchLine]) -> list[dict[str, Any]]:
+    return [
+        {"line": line.problem.line, "stage": line.problem.stage, "message": line.problem.message}
+        for line in lines
+        if line.problem is not None
+    ]
+
+
+def batch_document(
+    name: str, lines: Sequence[BatchLine], report: SendReport | None, ledger: Ledger | None
+) -> dict[str, Any]:
+    """The JSON form of a batch run: counts of each outcome, how sending went, and every line's fate."""
+    counts = Counter(line.outcome for line in lines)
     return {
-        "status_code": result.status_code,
-        "error": result.error,
-        "accepted": result.accepted,
-        "failed": result.failed,
-        "submitted": len(items),
-        "items": answered,
+        "file": name,
+        "total": len(lines),
+        **{outcome: counts.get(outcome, 0) for outcome in OUTCOME_WORDS},
+        "submitted": sum(counts.get(outcome, 0) for outcome in ("accepted", "refused", "unanswered")),
+        "chunk_size": report.chunk_size if report is not None else None,
+        "chunks_sent": report.chunks_sent if report is not None else 0,
+        "chunks_answered": report.chunks_answered if report is not None else 0,
+        "stopped": report.stopped if report is not None else None,
+        "interrupted": report.interrupted if report is not None else False,
+        "ledger": str(ledger.path) if ledger is not None else None,
+        "problems": _problems_document(lines),
+        "items": [line.document() for line in lines],
     }
 
 
-def render_batch(console: Console, document: dict[str, Any]) -> None:
-    """Draw one row per answered item and a line of totals."""
-    table = new_table(numeric("line"), "expression", numeric("HTTP"), "submission / reason")
-    for item in document["items"]:
-        if item["error"] is None:
-            outcome = item["submission_id"]
+def summary_text(document: dict[str, Any]) -> str:
+    """The outcomes as one line: ``4 accepted, 2 sent without an answer, 1 not sent, of 7 lines``."""
+    parts = [f"{document[outcome]} {words}" for outcome, words in OUTCOME_WORDS.items() if document[outcome]]
+    if not parts:
+        parts = ["nothing sent"]
+    chunks = ""
+    if document["chunks_sent"]:
+        chunks = (
+            f" ({document['chunks_sent']} chunk(s) of up to {document['chunk_size']} sent, "
+            f"{document['chunks_answered']} answered)"
+        )
+    return f"{', '.join(parts)}, of {document['total']} lines{chunks}"
+
+
+def render_batch(page: Page, lines: Sequence[BatchLine], document: dict[str, Any]) -> None:
+    """Draw one row per line (its outcome, submission id, expression and reason) and the summary."""
+    sheet = Sheet(
+        number("line"), ident("outcome"), ident("submission"), text("expression", keep=50, min_width=16),
+        text("reason", keep=70, min_width=12),
+    )  # fmt: skip
+    for line in lines:
+        if line.problem is not None:
+            reason = line.problem.message
+        elif line.error is not None:
+            reason = refusal_text(line.status_code or 0, line.error, line.body)
         else:
-            outcome = refusal_text(item["status_code"], item["error"], item["body"])
-        add_row(table, item["line"], item["expression"], item["status_code"], outcome)
-    console.print(table)
-    console.print(
-        Text(f"{document['accepted']} accepted, {document['failed']} refused, of {document['submitted']} submitted"),
-        soft_wrap=True,
-    )
+            reason = ""
+        sheet.add_row(line.line, TABLE_WORDS.get(line.outcome, line.outcome),
+                      line.submission_id or "", line.expression(), reason)  # fmt: skip
+    page.table(sheet)
+    page.line(summary_text(document))
 
 
 def _send(
-    client: SignalServiceClient, items: list[PreparedItem], progress: BatchProgress, terminal: Terminal,
-    address: ServiceAddress,
-) -> BatchSubmitResult:  # fmt: skip
-    with terminal.progress(f"submitting {len(items)} signals", total=len(items)) as advance:
-        progress.report_to = advance
-        try:
-            with answered(address, "POST /signals/batch"):
-                result = client.submit_signals_batch([item.body() for item in items])
-        except ValueError as exc:
-            raise request_failure(exc, address, "GET /eras") or UsageError(f"nothing was sent: {exc}") from exc
-        finally:
-            progress.report_to = None
-        advance(len(items))
-    return result
+    lines: Sequence[BatchLine], client: SignalServiceClient, address: ServiceAddress, ledger: Ledger | None,
+    chunk_size: int, terminal: Terminal,
+) -> SendReport:  # fmt: skip
+    sending = [line for line in lines if line.usable]
+    report = SendReport([ItemFate() for _ in sending], chunk_size)
+
+    def record(accepted: list[int]) -> None:
+        if ledger is None:
+            return
+        entries = []
+        for position in accepted:
+            line, fate = sending[position], report.fates[position]
+            prepared = line.prepared or {}
+            entries.append({
+                "entry": line.identity, "line": line.line, "submission_id": fate.submission_id,
+                "idempotency_key": prepared.get("idempotency_key"), "market_id": prepared.get("market_id"),
+                "era_number": prepared.get("era_number"), "signal_pool_name": line.signal_pool_name,
+            })  # fmt: skip
+        ledger.append(entries)
+
+    chunks = -(-len(sending) // chunk_size)
+    try:
+        with terminal.progress(f"sending {len(sending)} signals in {chunks} chunk(s)", total=len(sending)) as shown:
+            send_in_chunks(
+                client, address, [line.item() for line in sending], chunk_size=chunk_size, report=report,
+                on_chunk=record, on_progress=shown.update,
+            )  # fmt: skip
+    except KeyboardInterrupt:
+        report.interrupted = True
+    for line, fate in zip(sending, report.fates, strict=True):
+        line.outcome, line.status_code, line.error = fate.outcome, fate.status_code, fate.error
+        line.submission_id, line.body = fate.submission_id, fate.body
+    return report
+
+
+def _interrupted_message(document: dict[str, Any], ledger: Ledger | None) -> str:
+    resume = (
+        "run the same command again to resume (the ledger skips what was accepted)"
+        if ledger is not None
+        else "pass --ledger FILE next time to resume without sending accepted lines again"
+    )
+    unanswered = document["unanswered"]
+    in_flight = (
+        f"; the {unanswered} sent without an answer may have been stored, and sending them again replays them"
+        if unanswered
+        else ""
+    )
+    return f"interrupted: {summary_text(document)}{in_flight}; {resume}"
+
+
+def _outcome_error(document: dict[str, Any], report: SendReport) -> CommandError | None:
+    refused = document["refused"]
+    if refused:
+        message = f"{refused} of {document['submitted']} items sent were refused"
+        if report.stopped is not None:
+            message += f"; sending stopped: {report.stopped}"
+        return ServiceRefusal(f"{message}; {summary_text(document)}", document=document)
+    if report.stopped is not None:
+        error = CommandError(f"sending stopped: {report.stopped}; {summary_text(document)}", document=document)
+        error.exit_code = report.stop_exit_code if report.stop_exit_code is not None else EXIT_REFUSED
+        return error
+    return None
 
 
 def run_batch(args: argparse.Namespace, terminal: Terminal) -> int:
-    """Simulate every graph of ``args.batch_file`` and submit them as one batch."""
-    entries = read_batch_file(args.batch_file)
+    """Check every line of ``args.batch_file``, then submit the good ones chunk by chunk."""
+    batch = read_batch_file(args.batch_file)
     address = resolve_address(args)
-    items = _prepare(args, entries, terminal)
-    progress = BatchProgress()
-    with open_client(address, transmission_observer=progress.observe) as client:
+    ledger = Ledger(Path(args.ledger)) if args.ledger is not None else None
+    try:
+        return _run(args, terminal, batch.name, _lines(batch), address, ledger)
+    finally:
+        if ledger is not None:
+            ledger.close()
+
+
+def _lines(batch: Any) -> list[BatchLine]:
+    lines = [BatchLine(entry.line, entry) for entry in batch.entries]
+    lines += [BatchLine(problem.line, None, problem) for problem in batch.problems]
+    return sorted(lines, key=lambda line: line.line)
+
+
+def _screen(
+    args: argparse.Namespace, terminal: Terminal, name: str, lines: list[BatchLine], client: SignalServiceClient,
+    address: ServiceAddress, ledger: Ledger | None,
+) -> None:  # fmt: skip
+    """Check every line against the catalog and the client, list the problems, and settle what is not sent."""
+    try:
         catalog = fetch_era_catalog(client, address)
-        _screen(items, catalog)
-        result = _send(client, items, progress, terminal, address)
-    document = batch_document(items, result)
-    if result.status_code == 0 and not result.results:
-        error = unreachable(address, result.error or "no answer")
-        error.document = document
-        raise error
-    if not result.results and result.error is not None:
-        message = f"the service refused the batch: {refusal_text(result.status_code, result.error, result.body)}"
-        raise ServiceRefusal(message, document=document)
-    terminal.emit(document, lambda console: render_batch(console, document))
-    unanswered = len(items) - len(result.results)
-    if result.failed or unanswered or result.error is not None:
-        reason = f"{result.failed} of {len(items)} items were refused"
-        if unanswered:
-            reason += f", {unanswered} got no answer ({result.error})"
-        terminal.problem(reason)
-        return EXIT_REFUSED
+    except CommandError:
+        for problem in _problem_lines(name, lines):
+            terminal.diagnostic(problem)
+        raise
+    _check(lines, client, catalog)
+    invalid = [line for line in lines if line.problem is not None]
+    for problem in _problem_lines(name, lines):
+        (terminal.warning if args.skip_invalid else terminal.diagnostic)(problem)
+    if invalid and not args.skip_invalid:
+        message = (
+            f"{len(invalid)} of {len(lines)} lines cannot be sent (listed above); nothing was sent "
+            f"(fix them, or pass --skip-invalid to send the other {len(lines) - len(invalid)})"
+        )
+        document = {"error": message, "exit_code": UsageError.exit_code, "problems": _problems_document(lines)}
+        raise UsageError(message, document=document)
+    for line in invalid:
+        line.outcome = "skipped"
+    for line in lines:
+        record = ledger.accepted(line.identity) if ledger is not None and line.identity and line.usable else None
+        if record is not None:
+            line.outcome, line.submission_id = "already_accepted", record.submission_id
+    if invalid and not any(line.usable or line.outcome == "already_accepted" for line in lines):
+        message = f"none of the {len(lines)} lines can be sent (listed above)"
+        raise UsageError(message, document={**batch_document(name, lines, None, ledger), "error": message})
+
+
+def _run(
+    args: argparse.Namespace, terminal: Terminal, name: str, lines: list[BatchLine], address: ServiceAddress,
+    ledger: Ledger | None,
+) -> int:  # fmt: skip
+    if ledger is not None and ledger.unreadable_lines:
+        numbers = ", ".join(map(str, ledger.unreadable_lines))
+        terminal.warning(f"--ledger {ledger.path}: ignored unreadable line(s) {numbers}")
+    _apply_defaults(lines, args)
+    _simulate(lines, args, terminal)
+    chunk_size = min(args.chunk_size or client_chunk_size(), client_chunk_size())
+    report: SendReport | None = None
+    with open_client(address) as client:
+        try:
+            _screen(args, terminal, name, lines, client, address, ledger)
+        except KeyboardInterrupt:
+            raise Interrupted("interrupted while checking the lines; nothing was sent") from None
+        if any(line.usable for line in lines):
+            report = _send(lines, client, address, ledger, chunk_size, terminal)
+    document = batch_document(name, lines, report, ledger)
+    terminal.emit(document, lambda page: render_batch(page, lines, document))
+    if report is None:
+        return EXIT_OK
+    if report.interrupted:
+        raise Interrupted(_interrupted_message(document, ledger), document=document)
+    error = _outcome_error(document, report)
+    if error is not None:
+        terminal.problem(error.message)
+        return error.exit_code
     return EXIT_OK

@@ -27,31 +27,29 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any, Final
 
-from rich.console import Console
-from rich.text import Text
-
 from tallowmere.api.signal_types import StatusResult
 from tallowmere.cli.candidates import Candidate, generate_candidates
-from tallowmere.cli.commands.batch import BatchProgress
+from tallowmere.cli.commands.simulate import simulation_cache
 from tallowmere.cli.connection import ServiceAddress, answered, fetch_era_catalog, open_client
 from tallowmere.cli.errors import EXIT_OK, EXIT_REFUSED, UsageError, problems_text
+from tallowmere.cli.extras import SERVICE_EXTRA_HINT, missing_service_packages
 from tallowmere.cli.expressions import expression_text
-from tallowmere.cli.polling import poll_statuses
+from tallowmere.cli.polling import PollRound, poll_statuses
 from tallowmere.cli.screening import gate_failure
+from tallowmere.cli.sending import client_chunk_size, send_in_chunks
+from tallowmere.cli.simulations import Simulation, SimulationProblem, simulate_graphs
 from tallowmere.cli.statuses import FINAL
 from tallowmere.cli.tables import (
-    add_row,
-    heading,
-    new_table,
-    numeric,
+    Sheet,
+    ident,
+    number,
     payment_text,
     rounded_numbers,
     stat,
     status_reason,
-    unbroken,
+    text,
 )
-from tallowmere.cli.terminal import Terminal
-from tallowmere.simulation import SimulationResult, simulate_signal
+from tallowmere.cli.terminal import Page, Terminal
 from tallowmere.submit import SignalServiceClient
 
 DEFAULT_CANDIDATES: Final = 36
@@ -67,7 +65,7 @@ class CandidateRun:
     """What became of one candidate: its simulation, the local verdict and the service's."""
 
     candidate: Candidate
-    simulation: SimulationResult
+    simulation: Simulation
     set_aside: str | None = None
     route: str | None = None
     submission_id: str | None = None
@@ -111,19 +109,19 @@ class CandidateRun:
         }
 
 
-def _simulate(candidates: list[Candidate], terminal: Terminal) -> list[CandidateRun]:
+def _simulate(candidates: list[Candidate], args: argparse.Namespace, terminal: Terminal) -> list[CandidateRun]:
+    graphs = [candidate.graph for candidate in candidates]
+    with terminal.progress(f"simulating {len(candidates)} candidates", total=len(candidates)) as shown:
+        outcomes = simulate_graphs(graphs, simulation_cache(args, terminal), shown.update)
     runs = []
-    with terminal.progress(f"simulating {len(candidates)} candidates", total=len(candidates)) as advance:
-        for done, candidate in enumerate(candidates, start=1):
-            runs.append(CandidateRun(candidate, simulate_signal(candidate.graph)))
-            advance(done)
+    for candidate, outcome in zip(candidates, outcomes, strict=True):
+        if isinstance(outcome, SimulationProblem):  # the generator's families are all valid graphs
+            raise RuntimeError(f"candidate {candidate.number} could not be simulated: {outcome.message}")
+        runs.append(CandidateRun(candidate, outcome))
     return runs
 
 
-def _submit(
-    client: SignalServiceClient, address: ServiceAddress, runs: list[CandidateRun], progress: BatchProgress,
-    terminal: Terminal,
-) -> None:  # fmt: skip
+def _submit(client: SignalServiceClient, address: ServiceAddress, runs: list[CandidateRun], terminal: Terminal) -> None:
     """Submit the first run alone and the others as one batch, noting each one's id or refusal."""
     first, rest = runs[0], runs[1:]
     simulation = first.simulation
@@ -150,30 +148,28 @@ def _submit(
         }
         for run in rest
     ]
-    with terminal.progress(f"submitting {len(items)} signals as a batch", total=len(items)) as advance:
-        progress.report_to = advance
-        try:
-            with answered(address, "POST /signals/batch"):
-                batch = client.submit_signals_batch(items)
-        finally:
-            progress.report_to = None
-    by_index = {item.index: item for item in batch.results}
-    for index, run in enumerate(rest):
+    with terminal.progress(f"submitting {len(items)} signals as a batch", total=len(items)) as shown:
+        report = send_in_chunks(client, address, items, chunk_size=client_chunk_size(), on_progress=shown.update)
+    for run, fate in zip(rest, report.fates, strict=True):
         run.route = "batch"
-        item = by_index.get(index)
-        if item is None:
-            run.intake_error = f"no answer: {batch.error}"
-        elif item.error is not None:
-            run.intake_error = f"{item.error} (HTTP {item.status_code})"
+        if fate.outcome == "accepted":
+            run.submission_id = fate.submission_id
+        elif fate.outcome == "refused":
+            run.intake_error = f"{fate.error} (HTTP {fate.status_code})"
         else:
-            run.submission_id = item.submission_id
+            run.intake_error = f"{fate.outcome.replace('_', ' ')}: {report.stopped}"
 
 
-def render_summary(console: Console, runs: list[CandidateRun]) -> None:
-    """Draw one row per candidate: status, Sharpe ratios, correlation with the pool, reason, payment."""
-    table = new_table(
-        numeric("#"), "expression", unbroken("status"), numeric("IS sharpe"), numeric("OS sharpe"),
-        numeric("correlation"), "reason", numeric("payment"),
+def render_summary(page: Page, runs: list[CandidateRun]) -> None:
+    """Draw one row per candidate: status, Sharpe ratios, correlation with the pool, reason, payment.
+
+    On a narrow terminal the correlation goes first, then the out-of-sample
+    Sharpe ratio; the expression and the reason are cut before.
+    """
+    sheet = Sheet(
+        number("#"), text("expression", keep=60, min_width=18), ident("status"), number("IS sharpe", keep=45),
+        number("OS sharpe", keep=35), number("correlation", keep=30), text("reason", keep=65, min_width=14),
+        number("payment", keep=50),
     )  # fmt: skip
     for run in runs:
         status = run.status
@@ -184,11 +180,11 @@ def render_summary(console: Console, runs: list[CandidateRun]) -> None:
             os_sharpe = stat(body.get("os_stats"), "sharpe")
             figures = (stat(status.is_stats, "sharpe"), os_sharpe, status.is_correlation, payment_text(status.payment))
         is_sharpe, os_sharpe, correlation, payment = figures
-        expression = expression_text(run.candidate.graph, max_length=44)
-        add_row(table, run.candidate.number, expression, run.outcome(), is_sharpe, os_sharpe, correlation,
-                rounded_numbers(run.reason()), payment)  # fmt: skip
-    console.print(heading("Outcome of every candidate"))
-    console.print(table)
+        expression = expression_text(run.candidate.graph, max_length=10_000)
+        sheet.add_row(run.candidate.number, expression, run.outcome(), is_sharpe, os_sharpe, correlation,
+                      rounded_numbers(run.reason()), payment)  # fmt: skip
+    page.heading("Outcome of every candidate")
+    page.table(sheet)
 
 
 def totals(runs: list[CandidateRun]) -> dict[str, Any]:
@@ -221,14 +217,13 @@ def _research_loop(args: argparse.Namespace, terminal: Terminal, base_url: str, 
 
     Submissions still not final when ``--wait`` runs out keep their last status.
     """
-    runs = _simulate(generate_candidates(args.candidates, args.random_state), terminal)
+    runs = _simulate(generate_candidates(args.candidates, args.random_state), args, terminal)
     terminal.say(
         f"Generated {len(runs)} candidate expressions (generator key {args.random_state}) "
         f"and simulated them on the embedded market data."
     )
-    address = ServiceAddress(base_url=base_url, token=token)
-    progress = BatchProgress()
-    with open_client(address, transmission_observer=progress.observe) as client:
+    address = ServiceAddress(base_url=base_url, token=token, token_source="the demo's own service")
+    with open_client(address) as client:
         catalog = fetch_era_catalog(client, address)
         for run in runs:
             run.set_aside = gate_failure(
@@ -242,17 +237,21 @@ def _research_loop(args: argparse.Namespace, terminal: Terminal, base_url: str, 
         )
         if not chosen:
             return runs
-        _submit(client, address, chosen, progress, terminal)
+        _submit(client, address, chosen, terminal)
         accepted = {run.submission_id: run for run in chosen if run.submission_id is not None}
         terminal.say(
             f"Submitted candidate {chosen[0].candidate.number} alone and {len(chosen) - 1} as one batch; "
             f"{len(accepted)} accepted."
         )
         began = time.monotonic()
-        with terminal.progress("waiting for final statuses", total=len(accepted)) as advance:
+        with terminal.progress("waiting for final statuses", total=len(accepted), deadline=began + args.wait) as shown:
+
+            def on_round(report: PollRound) -> None:
+                shown.update(report.settled, report.note())
+
             outcome = poll_statuses(
-                client, address, list(accepted), target=FINAL, timeout=args.wait,
-                interval=POLL_INTERVAL_SECONDS, on_progress=advance,
+                client, list(accepted), target=FINAL, timeout=args.wait, interval=POLL_INTERVAL_SECONDS,
+                on_round=on_round,
             )  # fmt: skip
     for submission_id, run in accepted.items():
         run.status = outcome.latest.get(submission_id)
@@ -280,11 +279,11 @@ def demo_problems(runs: list[CandidateRun], wait: float) -> list[str]:
 
 def run_demo(args: argparse.Namespace, terminal: Terminal) -> int:
     """Run the research loop against a reference service of its own and summarise every candidate."""
-    try:
-        from tallowmere.service import run_service
-    except ImportError as exc:
-        message = f"the demo needs the reference service's packages ({exc.name}): pip install 'tallowmere[service]'"
-        raise UsageError(message) from exc
+    missing = missing_service_packages()
+    if missing:
+        needed = ", ".join(missing)
+        raise UsageError(f"the demo needs the reference service's packages ({needed}): {SERVICE_EXTRA_HINT}")
+    from tallowmere.service import run_service
 
     began = time.monotonic()
     token = secrets.token_urlsafe(24)
@@ -309,10 +308,10 @@ def run_demo(args: argparse.Namespace, terminal: Terminal) -> int:
         "elapsed_seconds": round(elapsed, 3),
     }
 
-    def render(console: Console) -> None:
-        render_summary(console, runs)
-        console.print(Text(totals_line(summary)), soft_wrap=True)
-        console.print(Text(f"Service stopped; the demo took {elapsed:.1f} s."), soft_wrap=True)
+    def render(page: Page) -> None:
+        render_summary(page, runs)
+        page.line(totals_line(summary))
+        page.line(f"Service stopped; the demo took {elapsed:.1f} s.")
 
     terminal.emit(document, render)
     problems = demo_problems(runs, args.wait)

@@ -6,28 +6,16 @@ import argparse
 from collections.abc import Mapping
 from typing import Any
 
-from rich.console import Console
-from rich.text import Text
-
 from tallowmere.cli.connection import fetch_era_catalog, open_client, resolve_address
 from tallowmere.cli.errors import EXIT_OK, ServiceRefusal
-from tallowmere.cli.tables import add_row, figure, heading, new_table, numeric, unbroken
-from tallowmere.cli.terminal import Terminal
+from tallowmere.cli.screening import catalog_eras, pool_names
+from tallowmere.cli.tables import Sheet, figure, ident, items, label, number
+from tallowmere.cli.terminal import Page, Terminal
 
 USABLE_STATES = frozenset({"active", "current", "open"})
 
 
-def catalog_eras(catalog: Mapping[str, Any]) -> list[dict[str, Any]]:
-    """Every era of ``catalog``, from the first non-empty of ``eras_by_market``, ``market_era_groups``, ``eras``."""
-    for key in ("eras_by_market", "market_era_groups"):
-        groups = catalog.get(key)
-        if isinstance(groups, Mapping) and groups:
-            return [era for eras in groups.values() if isinstance(eras, list) for era in eras if isinstance(era, dict)]
-    eras = catalog.get("eras")
-    return [era for era in eras if isinstance(era, dict)] if isinstance(eras, list) else []
-
-
-def _universe_text(era: Mapping[str, Any]) -> str:
+def _universe_parts(era: Mapping[str, Any]) -> list[str]:
     parts = []
     for rule in era.get("universe_rules") or []:
         if not isinstance(rule, Mapping):
@@ -37,14 +25,7 @@ def _universe_text(era: Mapping[str, Any]) -> str:
             for universe in rule.get("universes") or []
         ]
         parts.append(f"rule {rule.get('rule_id')}: {', '.join(names)}")
-    return "; ".join(parts)
-
-
-def _pool_names(era: Mapping[str, Any]) -> str:
-    pools = era.get("signal_pools") or []
-    if isinstance(pools, Mapping):
-        return ", ".join(str(name) for name in pools)
-    return ", ".join(str(pool.get("name", pool.get("signal_pool_name"))) for pool in pools if isinstance(pool, Mapping))
+    return parts
 
 
 def gate_text(key: str, value: Any) -> str | None:
@@ -69,10 +50,10 @@ def _threshold_entries(pool: Mapping[str, Any]) -> list[tuple[str, Mapping[str, 
             continue
         rule = entry.get("universe_rule_id", entry.get("rule_id"))
         if rule is not None:
-            label = f"rule {rule}"
+            applies = f"rule {rule}"
         else:
-            label = "rules " + ", ".join(str(listed) for listed in entry.get("universes") or [])
-        labelled.append((label, entry))
+            applies = "rules " + ", ".join(str(listed) for listed in entry.get("universes") or [])
+        labelled.append((applies, entry))
     return labelled
 
 
@@ -83,35 +64,41 @@ def _pools(era: Mapping[str, Any]) -> list[Mapping[str, Any]]:
     return [pool for pool in pools if isinstance(pool, Mapping)]
 
 
-def render_eras(console: Console, eras: list[dict[str, Any]], active_era_number: Any) -> None:
-    """Draw one table of eras, then the pool thresholds of every usable era."""
-    table = new_table(
-        numeric("market"), numeric("era"), unbroken("state"), unbroken("frequency"), numeric("max depth"),
-        numeric("max nodes"), numeric("row budget ms"), numeric("whole budget s"), "universes", "pools",
+def render_eras(page: Page, eras: list[dict[str, Any]], active_era_number: Any) -> None:
+    """Draw one table of eras, then the pool thresholds of every usable era.
+
+    On a narrow terminal the budgets and limits go first, then the frequency;
+    universes and pools wrap between their parts.
+    """
+    sheet = Sheet(
+        number("market"), number("era"), ident("state"), items("pools", keep=80, min_width=10),
+        items("universes", keep=70, min_width=14, separator="; "), label("frequency", keep=40),
+        number("max depth", keep=30), number("max nodes", keep=30), number("row budget ms", keep=20),
+        number("whole budget s", keep=20),
     )  # fmt: skip
     for era in eras:
-        add_row(table, era.get("market_id"), era.get("era_number"), str(era.get("state", "")),
-                str(era.get("frequency", "")), era.get("max_depth"), era.get("max_node_count"),
-                era.get("backtest_row_budget_ms"), era.get("backtest_whole_budget_seconds"),
-                _universe_text(era), _pool_names(era))  # fmt: skip
-    console.print(heading("Eras"))
-    console.print(table)
+        sheet.add_row(era.get("market_id"), era.get("era_number"), str(era.get("state", "")), pool_names(era),
+                      _universe_parts(era), str(era.get("frequency", "")), era.get("max_depth"),
+                      era.get("max_node_count"), era.get("backtest_row_budget_ms"),
+                      era.get("backtest_whole_budget_seconds"))  # fmt: skip
+    page.heading("Eras")
+    page.table(sheet)
     if active_era_number is not None:
-        console.print(Text(f"The catalog names era {active_era_number} as the active one."), soft_wrap=True)
+        page.line(f"The catalog names era {active_era_number} as the active one.")
     for era in eras:
         if str(era.get("state", "")).lower() not in USABLE_STATES:
             continue
-        thresholds = new_table(unbroken("pool"), unbroken("applies to"), "gates")
+        thresholds = Sheet(ident("pool"), ident("applies to"), items("gates", keep=90, min_width=16))
         for pool in _pools(era):
-            for label, entry in _threshold_entries(pool):
+            for rule, entry in _threshold_entries(pool):
                 merged = {key: pool[key] for key in ("is_correlation_threshold", "is_pnl_mi_threshold") if key in pool}
                 merged.update(entry)
                 if "is_pnl_mi_threshold" in merged:
                     merged.pop("mi_threshold", None)  # the older name counts only without the new one
                 gates = [text for key, value in merged.items() if (text := gate_text(key, value)) is not None]
-                add_row(thresholds, str(pool.get("name", pool.get("signal_pool_name"))), label, ", ".join(gates))
-        console.print(heading(f"Thresholds of market {era.get('market_id')}, era {era.get('era_number')}"))
-        console.print(thresholds)
+                thresholds.add_row(str(pool.get("name", pool.get("signal_pool_name"))), rule, gates)
+        page.heading(f"Thresholds of market {era.get('market_id')}, era {era.get('era_number')}")
+        page.table(thresholds)
 
 
 def run_eras(args: argparse.Namespace, terminal: Terminal) -> int:
@@ -123,8 +110,11 @@ def run_eras(args: argparse.Namespace, terminal: Terminal) -> int:
     if args.market_id is not None:
         eras = [era for era in eras if era.get("market_id") == args.market_id]
         if not eras:
-            raise ServiceRefusal(f"the service's catalog has no eras for market {args.market_id}")
+            markets = sorted({era.get("market_id") for era in catalog_eras(catalog)}, key=str)
+            listed = ", ".join(str(market) for market in markets) or "none"
+            message = f"the service's catalog has no eras for market {args.market_id} (its markets: {listed})"
+            raise ServiceRefusal(message)
     active = catalog.get("active_era_number")
     document = {"active_era_number": active, "eras": eras}
-    terminal.emit(document, lambda console: render_eras(console, eras, active))
+    terminal.emit(document, lambda page: render_eras(page, eras, active))
     return EXIT_OK

@@ -5,11 +5,8 @@ from __future__ import annotations
 import argparse
 from typing import Any
 
-from rich.console import Console
-from rich.text import Text
-
 from tallowmere.api.signal_types import SubmitResult
-from tallowmere.cli.commands.simulate import simulate_graph, simulation_document
+from tallowmere.cli.commands.simulate import simulate_graph, simulation_cache, simulation_document
 from tallowmere.cli.connection import (
     ServiceAddress,
     answered,
@@ -20,10 +17,17 @@ from tallowmere.cli.connection import (
     resolve_address,
     unreachable,
 )
-from tallowmere.cli.errors import EXIT_OK, ServiceRefusal, UsageError
+from tallowmere.cli.errors import EXIT_OK, Interrupted, ServiceRefusal, UsageError
 from tallowmere.cli.inputs import read_graph_file
+from tallowmere.cli.screening import target_problem
 from tallowmere.cli.tables import figure, submit_document
-from tallowmere.cli.terminal import Terminal
+from tallowmere.cli.terminal import Page, Terminal
+
+
+IN_FLIGHT = (
+    "interrupted while the {kind} was being sent: the service may have stored it; run the same command "
+    "again to find out (it sends the same body, which the service answers with what it stored)"
+)
 
 
 def named_universe_or_configured(named_universe: str | None) -> str:
@@ -50,29 +54,22 @@ def conclude_submission(
         error.document = document
         raise error
     if result.error is not None:
-        message = f"the service refused the {kind}: {refusal_text(result.status_code, result.error, result.body)}"
-        raise ServiceRefusal(message, document=document)
+        reason = refusal_text(result.status_code, result.error, result.body, address)
+        raise ServiceRefusal(f"the service refused the {kind}: {reason}", document=document)
 
-    def render(console: Console) -> None:
+    def render(page: Page) -> None:
         body = result.body if isinstance(result.body, dict) else {}
         pool = result.signal_pool_name or result.strategy_pool_name
-        headline = f"{kind} {result.submission_id} accepted: {body.get('status', '')}, pool {pool}"
-        console.print(Text(headline), soft_wrap=True)
-        console.print(
-            Text(
-                f"market {body.get('market_id')}, era {body.get('era_number')}, "
-                f"idempotency key {body.get('idempotency_key')}"
-            ),
-            soft_wrap=True,
+        page.line(f"{kind} {result.submission_id} accepted: {body.get('status', '')}, pool {pool}")
+        page.line(
+            f"market {body.get('market_id')}, era {body.get('era_number')}, "
+            f"idempotency key {body.get('idempotency_key')}"
         )
         simulation = document.get("simulation")
         if isinstance(simulation, dict):
-            console.print(
-                Text(
-                    f"{simulation['expression']}: in-sample sharpe {figure(simulation['is_stats'].get('sharpe'))}, "
-                    f"out-of-sample sharpe {figure(simulation['os_stats'].get('sharpe'))}"
-                ),
-                soft_wrap=True,
+            page.line(
+                f"{simulation['expression']}: in-sample sharpe {figure(simulation['is_stats'].get('sharpe'))}, "
+                f"out-of-sample sharpe {figure(simulation['os_stats'].get('sharpe'))}"
             )
 
     terminal.emit(document, render)
@@ -84,11 +81,16 @@ def run_submit(args: argparse.Namespace, terminal: Terminal) -> int:
     graph = read_graph_file(args.graph_file)
     named_universe = named_universe_or_configured(args.named_universe)
     address = resolve_address(args)
-    simulation = simulate_graph(graph, args.graph_file)
+    simulation = simulate_graph(graph, args.graph_file, simulation_cache(args, terminal))
     with open_client(address) as client:
         # Fetched first so that a failure to get it is told apart from a local check:
         # the submission below reuses it (the client keeps it for a minute).
-        fetch_era_catalog(client, address)
+        catalog = fetch_era_catalog(client, address)
+        problem = target_problem(
+            catalog, market_id=args.market_id, era_number=args.era_number, signal_pool_name=args.signal_pool_name
+        )
+        if problem is not None:
+            raise UsageError(f"not sent: {problem}")
         try:
             with answered(address, "POST /signals/submit"):
                 result = client.submit_signal(
@@ -103,6 +105,8 @@ def run_submit(args: argparse.Namespace, terminal: Terminal) -> int:
                 )
         except ValueError as exc:
             raise request_failure(exc, address, "GET /eras") or UsageError(f"not sent: {exc}") from exc
+        except KeyboardInterrupt:
+            raise Interrupted(IN_FLIGHT.format(kind="signal")) from None
     document = {**submit_document(result), "simulation": simulation_document(graph, simulation)}
     return conclude_submission(terminal, result, document, address, "signal")
 
@@ -112,8 +116,12 @@ def run_submit_strategy(args: argparse.Namespace, terminal: Terminal) -> int:
     graph = read_graph_file(args.graph_file)
     named_universe = named_universe_or_configured(args.named_universe)
     address = resolve_address(args)
-    simulation = simulate_graph(graph, args.graph_file)
+    simulation = simulate_graph(graph, args.graph_file, simulation_cache(args, terminal))
     with open_client(address) as client:
+        catalog = fetch_era_catalog(client, address)
+        problem = target_problem(catalog, market_id=args.market_id, era_number=args.era_number)
+        if problem is not None:
+            raise UsageError(f"not sent: {problem}")
         try:
             with answered(address, "POST /strategies/submit"):
                 result = client.submit_strategy(
@@ -127,5 +135,7 @@ def run_submit_strategy(args: argparse.Namespace, terminal: Terminal) -> int:
                 )
         except ValueError as exc:
             raise UsageError(f"not sent: {exc}") from exc
+        except KeyboardInterrupt:
+            raise Interrupted(IN_FLIGHT.format(kind="strategy")) from None
     document = {**submit_document(result), "simulation": simulation_document(graph, simulation)}
     return conclude_submission(terminal, result, document, address, "strategy")

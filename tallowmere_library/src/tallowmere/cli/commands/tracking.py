@@ -1,51 +1,66 @@
-"""``tallowmere status``, ``list`` and ``poll``: following submissions after they were accepted."""
+"""``tallowmere status``, ``list`` and ``poll``: following submissions after they were accepted.
+
+``status`` and ``poll`` end with a status that tells their outcomes apart:
+0 every submission is where it should be; 1 the service said no (an unknown
+id, a token it refuses, an unsuccessful status); 3 the service could not be
+reached (for ``poll``: it was still unreachable when ``--wait`` ran out);
+4 (``poll``) ``--wait`` ran out with submissions still on their way.
+"""
 
 from __future__ import annotations
 
 import argparse
+import time
 from collections.abc import Mapping, Sequence
 from typing import Any
 
-from rich.console import Console
-from rich.text import Text
-
 from tallowmere.api.signal_types import StatusResult
 from tallowmere.cli.connection import answered, open_client, refusal_text, resolve_address, unreachable
-from tallowmere.cli.errors import EXIT_OK, EXIT_REFUSED, ServiceRefusal, problems_text
-from tallowmere.cli.polling import poll_statuses
+from tallowmere.cli.errors import (
+    EXIT_OK,
+    EXIT_REFUSED,
+    EXIT_STILL_WAITING,
+    EXIT_UNREACHABLE,
+    Interrupted,
+    ServiceRefusal,
+    problems_text,
+)
+from tallowmere.cli.polling import PollOutcome, PollRound, poll_statuses
 from tallowmere.cli.statuses import POLL_TARGETS, UNSUCCESSFUL
 from tallowmere.cli.tables import (
-    add_row,
-    identifier,
+    Sheet,
+    ident,
+    label,
     moment_text,
-    new_table,
-    numeric,
+    number,
     payment_text,
     stat,
     status_document,
-    status_table,
-    unbroken,
+    status_sheet,
 )
-from tallowmere.cli.terminal import Terminal
+from tallowmere.cli.terminal import Page, Terminal
+from tallowmere.transport import RetryPolicy
+
+POLL_RETRY_ATTEMPTS = 3
+"""Attempts per status request while polling: polling itself asks again at every interval."""
 
 
-def status_problems(rows: Sequence[tuple[str, StatusResult]]) -> list[str]:
-    """What is wrong with these statuses: ids the service would not report, and unsuccessful outcomes."""
+def status_problems(rows: Sequence[tuple[str, StatusResult]], hint: str | None = None) -> list[str]:
+    """What is wrong with these statuses: ids the service would not report, and unsuccessful outcomes.
+
+    ``hint`` (what to do about the token) follows the first 401.
+    """
     problems = []
+    hinted = False
     for submission_id, result in rows:
         if result.error is not None:
-            problems.append(f"{submission_id}: {refusal_text(result.status_code, result.error, result.body)}")
+            text = f"{submission_id}: {refusal_text(result.status_code, result.error, result.body)}"
+            if result.status_code == 401 and hint and not hinted:
+                text, hinted = f"{text}; {hint}", True
+            problems.append(text)
         elif result.status in UNSUCCESSFUL:
             problems.append(f"{submission_id}: {result.status}")
     return problems
-
-
-def _finish(terminal: Terminal, rows: Sequence[tuple[str, StatusResult]], extra: Sequence[str] = ()) -> int:
-    problems = [*status_problems(rows), *extra]
-    if problems:
-        terminal.problem(problems_text(problems))
-        return EXIT_REFUSED
-    return EXIT_OK
 
 
 def run_status(args: argparse.Namespace, terminal: Terminal) -> int:
@@ -60,21 +75,25 @@ def run_status(args: argparse.Namespace, terminal: Terminal) -> int:
                 raise unreachable(address, result.error or "no answer")
             rows.append((submission_id, result))
     document = {"submissions": [status_document(submission_id, result) for submission_id, result in rows]}
-    terminal.emit(document, lambda console: console.print(status_table(rows)))
-    return _finish(terminal, rows)
+    terminal.emit(document, lambda page: page.table(status_sheet(rows)))
+    problems = status_problems(rows, address.token_hint())
+    if problems:
+        terminal.problem(problems_text(problems))
+        return EXIT_REFUSED
+    return EXIT_OK
 
 
-def render_listing(console: Console, submissions: Sequence[Mapping[str, Any]]) -> None:
-    """Draw one row per listed submission."""
-    table = new_table(identifier("submission"), "pool", "universe", identifier("status"), numeric("IS sharpe"),
-                      numeric("payment"), unbroken("created (UTC)"))  # fmt: skip
+def render_listing(page: Page, submissions: Sequence[Mapping[str, Any]]) -> None:
+    """Draw one row per listed submission (the universe goes first on a narrow terminal, then the payment)."""
+    sheet = Sheet(ident("submission"), ident("status"), label("pool", keep=70), number("IS sharpe", keep=50),
+                  number("payment", keep=45), label("created (UTC)", keep=60), label("universe", keep=40))  # fmt: skip
     for body in submissions:
         pool = body.get("signal_pool_name") or body.get("strategy_pool_name") or ""
-        add_row(table, str(body.get("submission_id", "")), str(pool), str(body.get("named_universe", "")),
-                str(body.get("status", "")), stat(body.get("is_stats"), "sharpe"), payment_text(body.get("payment")),
-                moment_text(body.get("created_at")))  # fmt: skip
-    console.print(table)
-    console.print(Text(f"{len(submissions)} submission(s)"), soft_wrap=True)
+        sheet.add_row(str(body.get("submission_id", "")), str(body.get("status", "")), str(pool),
+                      stat(body.get("is_stats"), "sharpe"), payment_text(body.get("payment")),
+                      moment_text(body.get("created_at")), str(body.get("named_universe", "")))  # fmt: skip
+    page.table(sheet)
+    page.line(f"{len(submissions)} submission(s)")
 
 
 def run_list(args: argparse.Namespace, terminal: Terminal) -> int:
@@ -87,40 +106,93 @@ def run_list(args: argparse.Namespace, terminal: Terminal) -> int:
     if result.status_code == 0:
         raise unreachable(address, result.error or "no answer")
     if result.error is not None:
-        reason = refusal_text(result.status_code, result.error, result.body)
+        reason = refusal_text(result.status_code, result.error, result.body, address)
         raise ServiceRefusal(f"the service refused GET /signals/submissions: {reason}")
     submissions = list(result.submissions)
     document = {"count": len(submissions), "submissions": submissions}
-    terminal.emit(document, lambda console: render_listing(console, submissions))
+    terminal.emit(document, lambda page: render_listing(page, submissions))
     return EXIT_OK
 
 
-def run_poll(args: argparse.Namespace, terminal: Terminal) -> int:
-    """Poll the submissions named until each reaches the status ``--until`` asks for, or ``--wait`` runs out."""
-    address = resolve_address(args)
-    submission_ids = list(dict.fromkeys(args.submission_ids))
-    with (
-        open_client(address) as client,
-        terminal.progress(f"waiting for {args.until} statuses", total=len(submission_ids)) as advance,
-    ):
-        outcome = poll_statuses(
-            client,
-            address,
-            submission_ids,
-            target=POLL_TARGETS[args.until],
-            timeout=args.wait,
-            interval=args.interval,
-            on_progress=advance,
-        )
-    rows = list(outcome.latest.items())
-    document = {
+def poll_document(
+    args: argparse.Namespace, ids: Sequence[str], outcome: PollOutcome, *, interrupted: bool
+) -> dict[str, Any]:
+    """The JSON form of a poll: what it waited for, the last answer about each id, and what is still waiting."""
+    return {
         "until": args.until,
-        "still_waiting": outcome.waiting,
-        "submissions": [status_document(submission_id, result) for submission_id, result in rows],
+        "still_waiting": list(outcome.waiting),
+        "unreachable": outcome.outage,
+        "interrupted": interrupted,
+        "submissions": [status_document(key, outcome.latest[key]) for key in ids if key in outcome.latest],
+        "never_answered": [key for key in ids if key not in outcome.latest],
     }
-    terminal.emit(document, lambda console: console.print(status_table(rows)))
-    late = [
-        f"{submission_id}: still {outcome.latest[submission_id].status} after {args.wait:g} s"
-        for submission_id in outcome.waiting
-    ]
-    return _finish(terminal, rows, late)
+
+
+def render_poll(page: Page, ids: Sequence[str], outcome: PollOutcome) -> None:
+    """Draw the status table, with a row for each id the service never answered about."""
+    sheet = status_sheet((key, outcome.latest[key]) for key in ids if key in outcome.latest)
+    for key in ids:
+        if key not in outcome.latest:
+            sheet.add_row(key, "no answer", None, None, None, outcome.outage or "", "")
+    page.table(sheet)
+
+
+def run_poll(args: argparse.Namespace, terminal: Terminal) -> int:
+    """Poll the submissions named until each reaches the status ``--until`` asks for, or ``--wait`` runs out.
+
+    An outage (no connection, 5xx) does not end polling before ``--wait`` does.
+    """
+    address = resolve_address(args)
+    ids = list(dict.fromkeys(args.submission_ids))
+    # Polling asks again at every interval, so one request need not be retried for long.
+    policy = RetryPolicy(max_attempts=POLL_RETRY_ATTEMPTS, deadline=min(args.wait, 10.0))
+    outcome = PollOutcome()
+    deadline = time.monotonic() + args.wait
+
+    def on_outage(reason: str | None, seconds: float) -> None:
+        if reason is not None:
+            left = max(0.0, deadline - time.monotonic())
+            terminal.warning(f"no answer from the service ({reason}); still trying for {left:.0f} s")
+        else:
+            terminal.warning(f"the service answers again, after {seconds:.1f} s without an answer")
+
+    interrupted = False
+    try:
+        with (
+            open_client(address, policy=policy, timeout=min(address.timeout, max(args.wait, 1.0))) as client,
+            terminal.progress(f"waiting for {args.until} statuses", total=len(ids), deadline=deadline) as shown,
+        ):
+
+            def on_round(report: PollRound) -> None:
+                shown.update(report.settled, report.note())
+
+            poll_statuses(
+                client, ids, target=POLL_TARGETS[args.until], timeout=args.wait, interval=args.interval,
+                on_round=on_round, on_outage=on_outage, outcome=outcome,
+            )  # fmt: skip
+    except KeyboardInterrupt:
+        interrupted = True
+    document = poll_document(args, ids, outcome, interrupted=interrupted)
+    terminal.emit(document, lambda page: render_poll(page, ids, outcome))
+    settled = len(ids) - len(outcome.waiting)
+    if interrupted:
+        raise Interrupted(f"interrupted: {settled} of {len(ids)} submission(s) had reached a {args.until} status")
+    rows = [(key, outcome.latest[key]) for key in ids if key in outcome.latest]
+    problems = status_problems(rows, address.token_hint())
+    if problems:
+        terminal.problem(problems_text(problems))
+        return EXIT_REFUSED
+    if outcome.waiting and outcome.outage is not None:
+        terminal.problem(
+            f"could not reach the service at {address.base_url} when the wait of {args.wait:g} s ran out "
+            f"({outcome.outage}); {len(outcome.waiting)} submission(s) not known to be {args.until}"
+        )
+        return EXIT_UNREACHABLE
+    if outcome.waiting:
+        late = [
+            f"{key}: still {outcome.latest[key].status if key in outcome.latest else 'unknown'} after {args.wait:g} s"
+            for key in outcome.waiting
+        ]
+        terminal.problem(problems_text(late))
+        return EXIT_STILL_WAITING
+    return EXIT_OK
