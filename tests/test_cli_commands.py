@@ -184,10 +184,12 @@ def test_the_token_never_appears_in_any_output(
         run_cli(capsys, "list", "--json", "--token", TOKEN, "--debug"),
         run_cli(capsys, "eras", "--base-url", "http://127.0.0.1:9", "--no-retries", "--debug"),
         run_cli(capsys, "status", "x", "--token", TOKEN + " extra"),  # refused locally: whitespace
+        run_cli(capsys, "status", "x", "--token", TOKEN + "\u00e9"),  # refused locally: not ASCII
     ]
     monkeypatch.setenv("TALLOWMERE_TOKEN", "other-token")
     runs.append(run_cli(capsys, "eras", "--debug"))  # a token the service does not know
-    assert [run.code for run in runs] == [0, 0, 0, 3, 2, 1]
+    assert [run.code for run in runs] == [0, 0, 0, 3, 2, 2, 1]
+    assert "non-ASCII" in runs[-2].err
     assert "the token in $TALLOWMERE_TOKEN was not accepted: check it, or pass --token" in runs[-1].err
     for run in runs:
         assert TOKEN not in run.out + run.err

@@ -11,7 +11,6 @@ from __future__ import annotations
 import argparse
 import json
 import os
-import unicodedata
 from collections.abc import Callable, Iterator, Mapping
 from contextlib import contextmanager
 from dataclasses import dataclass, field
@@ -20,6 +19,7 @@ from typing import Any, Final
 import httpx
 
 from tallowmere.cli.errors import CommandError, ServiceRefusal, ServiceUnreachable, UsageError
+from tallowmere.connection import check_token
 from tallowmere.security.transport import validate_bearer_transport_url
 from tallowmere.submit import SignalClientResponseError, SignalServiceClient, SubmissionRejectedError
 from tallowmere.transport import RetryingClient, RetryPolicy
@@ -52,10 +52,10 @@ class ServiceAddress:
 
 
 def _check_token(token: str, source: str) -> None:
-    if not token:
-        raise UsageError(f"the token from {source} is empty")
-    if any(character.isspace() or unicodedata.category(character) in ("Cc", "Cf") for character in token):
-        raise UsageError(f"the token from {source} contains whitespace or control characters")
+    try:
+        check_token(token, source=f"the token from {source}")
+    except ValueError as exc:
+        raise UsageError(str(exc)) from None
 
 
 def resolve_address(args: argparse.Namespace, environ: Mapping[str, str] | None = None) -> ServiceAddress:
