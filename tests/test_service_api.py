@@ -104,26 +104,50 @@ def test_a_refused_body_leaves_its_key_free(alpha: httpx.Client) -> None:
     assert alpha.post("/signals/submit", json=signal_body(key=key)).status_code == 202
 
 
-def test_a_duplicate_still_in_flight_is_refused_with_409(service: RunningService, alpha: httpx.Client) -> None:
+def test_a_duplicate_is_409_only_while_the_first_is_still_processed(
+    service: RunningService, alpha: httpx.Client, monkeypatch: pytest.MonkeyPatch
+) -> None:
     key = unique("inflight")
-    alpha.post("/_faults", json={"route": "signals/submit", "faults": ["delay:1.0"]}).raise_for_status()
+    validator = service.runtime.intake.validator
+    entered = threading.Event()
+
+    class SlowValidator:
+        def signal(self, body: dict[str, Any]) -> Any:
+            entered.set()
+            time.sleep(0.5)
+            return validator.signal(body)
+
+    monkeypatch.setattr(service.runtime.intake, "validator", SlowValidator())
     first: dict[str, httpx.Response] = {}
-
-    def submit_slowly() -> None:
-        first["answer"] = alpha.post("/signals/submit", json=signal_body(key=key))
-
-    slow = threading.Thread(target=submit_slowly)
+    slow = threading.Thread(target=lambda: first.update(answer=alpha.post("/signals/submit", json=signal_body(key=key))))
     slow.start()
-    time.sleep(0.4)
-    duplicate = alpha.post("/signals/submit", json=signal_body(key=key))
+    assert entered.wait(5)
+    with client_for(service, TOKEN_A) as other:
+        duplicate = other.post("/signals/submit", json=signal_body(key=key))
     slow.join()
     assert (duplicate.status_code, duplicate.json()["reason"]) == (409, "idempotency_key_in_flight")
     assert first["answer"].status_code == 202
-    assert alpha.post("/signals/submit", json=signal_body(key=key)).json() == first["answer"].json()
+    assert service.runtime.in_flight.held_count() == 0
+
+
+def test_a_retry_while_the_first_answer_is_on_its_way_gets_the_replay(
+    service: RunningService, alpha: httpx.Client
+) -> None:
+    key = unique("stored")
+    alpha.post("/_faults", json={"route": "signals/submit", "faults": ["delay:1.0"]}).raise_for_status()
+    first: dict[str, httpx.Response] = {}
+    slow = threading.Thread(target=lambda: first.update(answer=alpha.post("/signals/submit", json=signal_body(key=key))))
+    slow.start()
     deadline = time.monotonic() + 5
-    while service.runtime.in_flight.held_count():  # released just after the last answer left the server
-        assert time.monotonic() < deadline, "an idempotency key stayed held after its answer was sent"
-        time.sleep(0.01)
+    with client_for(service, TOKEN_A) as other:
+        while other.get("/signals/submissions", params={"idempotency_key": key}).json()["count"] == 0:
+            assert time.monotonic() < deadline, "the delayed submission was never stored"
+            time.sleep(0.02)
+        retry = other.post("/signals/submit", json=signal_body(key=key))
+    assert "answer" not in first, "the first answer should still be delayed"
+    slow.join()
+    assert (retry.status_code, retry.headers["Idempotent-Replayed"]) == (202, "true")
+    assert retry.json() == first["answer"].json()
 
 
 def _without(field: str) -> dict[str, Any]:

@@ -15,7 +15,8 @@ from typing import Any
 import uvicorn
 
 from tallowmere.service.catalog import load_catalog_file
-from tallowmere.service.config import EvaluationPolicy, LifecycleTimings, ServiceConfig
+from tallowmere.service.config import EvaluationPolicy, LifecycleTimings, ServiceConfig, ServiceLimits
+from tallowmere.service.connections import BoundedH11Protocol, ServerSettings
 from tallowmere.service.evaluation import Resimulator, simulator_resimulation
 from tallowmere.service.faults import ConnectionTrackingH11Protocol
 from tallowmere.service.runtime import ServiceRuntime
@@ -67,10 +68,12 @@ def base_url_of(sock: socket.socket) -> str:
 
 
 def uvicorn_server(runtime: ServiceRuntime, *, log_level: str = "warning") -> uvicorn.Server:
-    """Return a uvicorn server for ``runtime``'s application (connection tracking when faults are on)."""
-    config = uvicorn.Config(
+    """Return a uvicorn server for ``runtime``'s application, bounded by its limits
+    (and tracking connections when faults are on)."""
+    config = ServerSettings(
         runtime.app,
-        http=ConnectionTrackingH11Protocol if runtime.config.faults else "h11",
+        limits=runtime.config.limits,
+        http=ConnectionTrackingH11Protocol if runtime.config.faults else BoundedH11Protocol,
         lifespan="off",
         log_level=log_level,
         access_log=False,
@@ -100,6 +103,7 @@ def run_service(
     port: int = 0,
     timings: LifecycleTimings | None = None,
     policy: EvaluationPolicy | None = None,
+    limits: ServiceLimits | None = None,
     resimulator: Resimulator = simulator_resimulation,
     clock: Callable[[], float] = time.time,
 ) -> Iterator[RunningService]:
@@ -117,6 +121,7 @@ def run_service(
         faults=faults,
         timings=timings or LifecycleTimings(),
         policy=policy or EvaluationPolicy(),
+        limits=limits or ServiceLimits(),
     )
     runtime = ServiceRuntime(config, resimulator=resimulator, clock=clock)
     try:

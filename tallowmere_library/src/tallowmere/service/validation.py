@@ -6,8 +6,9 @@ order and the first failing one decides the reason:
 
 1. ``caller_thresholds_not_accepted``: the body carries ``thresholds`` or
    ``threshold_checks`` (thresholds come from the era, never from the caller);
-2. ``malformed_body``: fields missing, ill-typed or unknown (``details`` lists
-   every one under ``missing``, ``invalid`` and ``unknown``);
+2. ``malformed_body``: fields missing, ill-typed, over their size limit
+   (`FIELD_BYTE_LIMITS`) or unknown (``details`` lists every one under
+   ``missing``, ``invalid`` and ``unknown``);
 3. ``mi_contract_field_in_stats``: ``is_stats`` carries a mutual-information
    key that belongs beside it;
 4. ``unknown_market`` / ``no_active_era`` / ``era_not_active``: the market and
@@ -37,8 +38,9 @@ from tallowmere.service.catalog import (
     resolve_pool_thresholds,
     universe_rule_id,
 )
+from tallowmere.service.config import FIELD_BYTE_LIMITS
 from tallowmere.service.errors import refusal
-from tallowmere.service.jsonio import JSONObject, metric_from_json
+from tallowmere.service.jsonio import JSONObject, canonical_json, echo, metric_from_json
 from tallowmere.service.lifecycle import SubmissionKind
 from tallowmere.service.records import public_metric
 from tallowmere.simulation.graph_complexity import GraphComplexity, measure_graph_complexity
@@ -47,6 +49,15 @@ from tallowmere.simulation.named_universe import _is_unsafe_named_universe
 from tallowmere.submissions.threshold_gates import ThresholdGateFailure, evaluate_threshold_gates
 
 CALLER_THRESHOLD_KEYS: Final = ("thresholds", "threshold_checks")
+
+MAX_NAME_CHARACTERS: Final = 128
+"""The longest pool name."""
+
+MAX_STORED_INTEGER: Final = 2**63 - 1
+"""The largest market id, era number or count (SQLite's integer range)."""
+
+MAX_LISTED_NAMES: Final = 20
+"""The most unknown field names a refusal lists."""
 
 FieldCheck = Callable[[Any], str | None]
 """Returns None for a good value, else what the value must be."""
@@ -57,11 +68,34 @@ def _is_number(value: Any) -> bool:
 
 
 def _positive_int(value: Any) -> str | None:
-    return None if type(value) is int and value > 0 else "must be a positive integer"
+    if type(value) is not int or value <= 0:
+        return "must be a positive integer"
+    return None if value <= MAX_STORED_INTEGER else f"must be at most {MAX_STORED_INTEGER}"
 
 
 def _non_empty_text(value: Any) -> str | None:
     return None if isinstance(value, str) and value.strip() else "must be a non-empty string"
+
+
+def _pool_name(value: Any) -> str | None:
+    if not isinstance(value, str) or not value.strip():
+        return "must be a non-empty string"
+    if len(value) > MAX_NAME_CHARACTERS:
+        return f"must be at most {MAX_NAME_CHARACTERS} characters"
+    return None
+
+
+def _at_most_bytes(name: str, check: Callable[[Any], str | None]) -> Callable[[Any], str | None]:
+    """Return ``check`` that also refuses a value whose compact JSON exceeds the field's byte limit."""
+    limit = FIELD_BYTE_LIMITS[name]
+
+    def bounded(value: Any) -> str | None:
+        problem = check(value)
+        if problem is None and len(canonical_json(value)) > limit:
+            return f"must take at most {limit} bytes of JSON"
+        return problem
+
+    return bounded
 
 
 def _named_universe(value: Any) -> str | None:
@@ -102,12 +136,12 @@ class _Field:
 
 
 _SIGNAL_FIELDS: Final = (
-    _Field("graph", _graph_object),
+    _Field("graph", _at_most_bytes("graph", _graph_object)),
     _Field("named_universe", _named_universe),
-    _Field("signal_pool_name", _non_empty_text),
+    _Field("signal_pool_name", _pool_name),
     _Field("graph_depth", _positive_int),
     _Field("graph_node_count", _positive_int),
-    _Field("is_stats", _json_object),
+    _Field("is_stats", _at_most_bytes("is_stats", _json_object)),
     _Field("is_pnl_mi", _mi_value),
     _Field("expression_elapsed_seconds", _positive_seconds),
     _Field("market_id", _positive_int),
@@ -115,22 +149,26 @@ _SIGNAL_FIELDS: Final = (
     _Field("client_manifest_version", _positive_int, required=False),
     _Field("client_manifest_market_id", _positive_int),
     _Field("client_manifest_era_number", _positive_int),
-    _Field("metaparameters", _json_object, required=False),
-    _Field("search_state", _anything, required=False),
-    _Field("simulation_data_contract_projection", _json_object, required=False),
+    _Field("metaparameters", _at_most_bytes("metaparameters", _json_object), required=False),
+    _Field("search_state", _at_most_bytes("search_state", _anything), required=False),
+    _Field(
+        "simulation_data_contract_projection",
+        _at_most_bytes("simulation_data_contract_projection", _json_object),
+        required=False,
+    ),
     _Field("idempotency_key", _non_empty_text),
 )
 
 _STRATEGY_FIELDS: Final = (
-    _Field("graph", _graph_object),
+    _Field("graph", _at_most_bytes("graph", _graph_object)),
     _Field("named_universe", _named_universe),
-    _Field("strategy_pool_name", _non_empty_text),
+    _Field("strategy_pool_name", _pool_name),
     _Field("market_id", _positive_int),
     _Field("era_number", _positive_int),
     _Field("client_manifest_market_id", _positive_int),
     _Field("client_manifest_era_number", _positive_int),
     _Field("client_manifest_version", _positive_int, required=False),
-    _Field("metaparameters", _json_object, required=False),
+    _Field("metaparameters", _at_most_bytes("metaparameters", _json_object), required=False),
     _Field("idempotency_key", _non_empty_text),
 )
 
@@ -152,7 +190,9 @@ def _check_fields(body: Mapping[str, Any], fields: tuple[_Field, ...]) -> None:
         if invalid:
             details["invalid"] = invalid
         if unknown:
-            details["unknown"] = unknown
+            details["unknown"] = [echo(name) for name in unknown[:MAX_LISTED_NAMES]]
+            if len(unknown) > MAX_LISTED_NAMES:
+                details["unknown_count"] = len(unknown)
         raise refusal("malformed_body", details)
 
 

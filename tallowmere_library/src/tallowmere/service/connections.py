@@ -1,0 +1,165 @@
+"""Client connections, bounded: how many stay open, and how long a slow one may take.
+
+`BoundedH11Protocol` is uvicorn's h11 protocol with the limits of
+`ServiceLimits`:
+
+- a connection beyond the cap is answered 503 ``too_many_connections`` and
+  closed at once, so that open files never run out (the cap leaves room for
+  the database under the process's open-file limit);
+- a request's head must arrive within ``header_timeout`` seconds of its first
+  byte (or of the connection, for the first request): else 408
+  ``request_timeout`` and the connection is closed;
+- its body must arrive within ``body_timeout`` seconds of the head: else the
+  connection is closed (the request is abandoned unanswered);
+- an idle kept-alive connection is closed after ``keep_alive_timeout``
+  seconds (uvicorn's own timer).
+
+Malformed HTTP is answered 400 with a JSON reason rather than plain text.
+"""
+
+from __future__ import annotations
+
+import asyncio
+import logging
+from typing import Any, Final
+
+import h11
+import uvicorn
+from uvicorn.protocols.http.h11_impl import H11Protocol
+
+from tallowmere.service.config import ServiceLimits, effective_max_connections
+from tallowmere.service.jsonio import render_json
+
+logger = logging.getLogger("tallowmere.service")
+
+REFUSAL_RETRY_AFTER_SECONDS: Final = 1
+
+
+def raw_json_answer(status_code: int, phrase: str, body: dict[str, Any], *, retry_after: int | None = None) -> bytes:
+    """Return a whole HTTP/1.1 answer that closes the connection, for use outside any request cycle."""
+    content = render_json(body)
+    head = [
+        f"HTTP/1.1 {status_code} {phrase}",
+        "content-type: application/json",
+        f"content-length: {len(content)}",
+        "connection: close",
+    ]
+    if retry_after is not None:
+        head.append(f"retry-after: {retry_after}")
+    return ("\r\n".join(head) + "\r\n\r\n").encode("ascii") + content
+
+
+class ServerSettings(uvicorn.Config):
+    """uvicorn's configuration, carrying the service's `ServiceLimits` to each connection."""
+
+    def __init__(self, app: Any, *, limits: ServiceLimits, **options: Any) -> None:
+        """Configure uvicorn for ``app`` with ``options``, and bound connections by ``limits``."""
+        super().__init__(app, timeout_keep_alive=limits.keep_alive_timeout, **options)  # type: ignore[arg-type]
+        self.limits = limits
+        self.max_connections = effective_max_connections(limits)
+
+
+class BoundedH11Protocol(H11Protocol):
+    """uvicorn's h11 protocol with a connection cap and read deadlines (see the module's notes)."""
+
+    def __init__(self, config: uvicorn.Config, *args: Any, **kwargs: Any) -> None:
+        """Take the limits from ``config`` (a `ServerSettings`; the defaults otherwise)."""
+        super().__init__(config, *args, **kwargs)
+        self.limits: ServiceLimits = getattr(config, "limits", ServiceLimits())
+        self.max_connections: int = getattr(config, "max_connections", self.limits.max_connections)
+        self._deadline: asyncio.TimerHandle | None = None
+        self._deadline_phase: str | None = None
+
+    def connection_made(self, transport: asyncio.Transport) -> None:  # type: ignore[override]
+        """Admit the connection, or refuse it when the server holds as many as it may."""
+        super().connection_made(transport)
+        if len(self.connections) > self.max_connections:
+            logger.warning("refusing a connection: %d open, the limit is %d", len(self.connections) - 1,
+                           self.max_connections)
+            body = {"reason": "too_many_connections", "details": {"max_connections": self.max_connections}}
+            transport.write(
+                raw_json_answer(503, "Service Unavailable", body, retry_after=REFUSAL_RETRY_AFTER_SECONDS)
+            )
+            transport.close()
+            return
+        self._arm("head")
+
+    def connection_lost(self, exc: Exception | None) -> None:
+        """Forget the deadline of a closed connection."""
+        self._disarm()
+        super().connection_lost(exc)
+
+    def data_received(self, data: bytes) -> None:
+        """Start the head's deadline at the first byte of a request."""
+        if self._deadline is None and self.conn.their_state is h11.IDLE:
+            self._arm("head")
+        super().data_received(data)
+
+    def handle_events(self) -> None:
+        """Process what arrived, then move the deadline to the phase the request is in."""
+        try:
+            super().handle_events()
+        except UnicodeDecodeError:
+            # A request target that is not ASCII (h11 lets some such bytes through).
+            self.send_400_response("the request target must be ASCII")
+            return
+        if self.transport.is_closing():
+            self._disarm()
+            return
+        state = self.conn.their_state
+        if state is h11.SEND_BODY:
+            if self._deadline_phase != "body":
+                self._arm("body")
+        elif state is h11.IDLE and self.conn.trailing_data[0]:
+            if self._deadline_phase != "head":
+                self._arm("head")
+        elif state is not h11.IDLE or self._deadline_phase != "head":
+            # The request has been read whole (its answer is the application's
+            # business now), or the connection is idle between requests (the
+            # keep-alive timer's business).
+            self._disarm()
+
+    def on_response_complete(self) -> None:
+        """After an answer, an idle connection is up to the keep-alive timer."""
+        self._disarm()
+        super().on_response_complete()
+
+    def send_400_response(self, msg: str) -> None:
+        """Answer malformed HTTP with a JSON reason and close the connection."""
+        self._disarm()
+        logger.info("malformed HTTP request: %s", msg)
+        body = {"reason": "malformed_http", "details": {"message": msg}}
+        if not self.transport.is_closing():
+            self.transport.write(raw_json_answer(400, "Bad Request", body))
+            self.transport.close()
+
+    def _arm(self, phase: str) -> None:
+        self._disarm()
+        seconds = self.limits.header_timeout if phase == "head" else self.limits.body_timeout
+        self._deadline = self.loop.call_later(seconds, self._deadline_passed)
+        self._deadline_phase = phase
+
+    def _disarm(self) -> None:
+        if self._deadline is not None:
+            self._deadline.cancel()
+        self._deadline = None
+        self._deadline_phase = None
+
+    def _deadline_passed(self) -> None:
+        phase = self._deadline_phase
+        self._deadline = None
+        self._deadline_phase = None
+        if self.transport.is_closing():
+            return
+        if phase == "head":
+            received = bool(self.conn.trailing_data[0])
+            if received:
+                body = {"reason": "request_timeout",
+                        "details": {"message": f"the request head took over {self.limits.header_timeout:g} s"}}
+                self.transport.write(raw_json_answer(408, "Request Timeout", body))
+            logger.info("closing a connection whose request head did not arrive in time (%s bytes received)",
+                        len(self.conn.trailing_data[0]))
+        else:
+            logger.info("closing a connection whose request body did not arrive within %g s",
+                        self.limits.body_timeout)
+        self.transport.close()
