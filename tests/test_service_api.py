@@ -6,6 +6,7 @@ import json
 import threading
 import time
 from collections.abc import Iterator
+from concurrent.futures import Future
 from pathlib import Path
 from typing import Any
 
@@ -108,16 +109,23 @@ def test_a_duplicate_is_409_only_while_the_first_is_still_processed(
     service: RunningService, alpha: httpx.Client, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     key = unique("inflight")
-    validator = service.runtime.intake.validator
+    store = service.runtime.store
+    insert_later = store.insert_later
     entered = threading.Event()
 
-    class SlowValidator:
-        def signal(self, body: dict[str, Any]) -> Any:
+    def slow_insert_later(records: list[Any]) -> Future[Any]:
+        # The first request waits for a slow disk: still processing, not stored yet.
+        written: Future[Any] = Future()
+
+        def write_slowly() -> None:
             entered.set()
             time.sleep(0.5)
-            return validator.signal(body)
+            written.set_result(insert_later(records).result())
 
-    monkeypatch.setattr(service.runtime.intake, "validator", SlowValidator())
+        threading.Thread(target=write_slowly).start()
+        return written
+
+    monkeypatch.setattr(store, "insert_later", slow_insert_later)
     first: dict[str, httpx.Response] = {}
     slow = threading.Thread(target=lambda: first.update(answer=alpha.post("/signals/submit", json=signal_body(key=key))))
     slow.start()

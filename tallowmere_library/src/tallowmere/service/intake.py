@@ -7,11 +7,14 @@ stored submission with that key is replayed (same body) or refused
 (different body), the body is validated, and the new submission is written
 in one durable transaction before the 202 answer leaves. The key is released
 as soon as the write is committed, so that a retry from then on is answered
-from the stored record.
+from the stored record. A new body is written without a lookup first (the
+write reports a key bound already); only a body refused by validation has
+its key looked up, since a bound key decides even after the era changed.
 
-Parsing, validation and database reads run on the work pool's threads and
-the write on the store's writer thread, so that the event loop only moves
-bytes and never waits on a sync.
+The write runs on the store's writer thread and database reads on the work
+pool's threads, so that the event loop never waits on the disk; parsing and
+validation run on the event loop for small bodies (a fraction of a
+millisecond) and on the work pool for larger ones.
 """
 
 from __future__ import annotations
@@ -20,7 +23,9 @@ import asyncio
 import time
 import uuid
 from collections.abc import Callable, Sequence
+from concurrent.futures import Future
 from dataclasses import dataclass, field
+from typing import Final
 
 from tallowmere.service.bodies import parse_json_object
 from tallowmere.service.config import MAX_BATCH_ITEMS, ServiceConfig
@@ -51,12 +56,20 @@ class Answer:
     replayed: bool = False
 
 
+INLINE_BODY_BYTES: Final = 16 * 1024
+"""Bodies up to this size are parsed and validated on the event loop (a fraction of a millisecond);
+larger ones on a work thread."""
+
+
 @dataclass(slots=True)
 class _Plan:
-    """A request's answers so far, and the records still to be written (by position)."""
+    """A request's answers so far, its new records (by position) and their queued write, and the
+    (key, fingerprint) of each body refused by validation, whose key may be bound already."""
 
     answers: list[Answer | None]
     new_records: dict[int, SubmissionRecord] = field(default_factory=dict)
+    written: Future[list[KeyBinding | None]] | None = None
+    refused_keys: dict[int, tuple[str, str]] = field(default_factory=dict)
 
 
 def _refusal_answer(exc: ServiceError) -> Answer:
@@ -90,13 +103,14 @@ class SubmissionIntake:
         pool: WorkPool,
         in_flight: InFlightKeys,
         *,
-        on_accepted: Callable[[], None] = lambda: None,
+        on_accepted: Callable[[float], None] = lambda due_at: None,
         clock: Callable[[], float] = time.time,
     ) -> None:
         """Write to ``store`` what ``validator`` accepts, working on ``pool``'s threads.
 
         ``in_flight`` holds the keys of requests being processed;
-        ``on_accepted`` is called after each durable write.
+        ``on_accepted`` is called after each durable write with the epoch
+        time at which the earliest new submission falls due.
         """
         self.store = store
         self.validator = validator
@@ -109,15 +123,21 @@ class SubmissionIntake:
     async def submit(self, kind: SubmissionKind, owner: str, raw: bytes, header_key: str | None) -> Answer:
         """Answer one ``POST /signals/submit`` or ``/strategies/submit`` body (raw bytes)."""
         with RequestClaims(self.in_flight) as claims:
-            plan = await self.pool.run(self._plan_single, kind, owner, raw, header_key, claims)
-            answers = await self._write(plan)
+            if len(raw) <= INLINE_BODY_BYTES:
+                plan = self._plan_single(kind, owner, raw, header_key, claims)
+            else:
+                plan = await self.pool.run(self._plan_single, kind, owner, raw, header_key, claims)
+            answers = await self._settle(owner, plan)
         return answers[0]
 
     async def submit_batch(self, owner: str, raw: bytes) -> list[Answer]:
         """Answer each signal of a ``POST /signals/batch`` body (raw bytes) on its own, in order."""
         with RequestClaims(self.in_flight) as claims:
-            plan = await self.pool.run(self._plan_batch, owner, raw, claims)
-            return await self._write(plan)
+            if len(raw) <= INLINE_BODY_BYTES:
+                plan = self._plan_batch(owner, raw, claims)
+            else:
+                plan = await self.pool.run(self._plan_batch, owner, raw, claims)
+            return await self._settle(owner, plan)
 
     def _plan_single(
         self, kind: SubmissionKind, owner: str, raw: bytes, header_key: str | None, claims: RequestClaims
@@ -157,8 +177,18 @@ class SubmissionIntake:
         items: Sequence[tuple[object, bytes] | ServiceError],
         claims: RequestClaims,
     ) -> _Plan:
+        """Judge each item and queue the write of the accepted ones.
+
+        A new valid body is written without looking its key up first: the
+        write itself reports a key bound already, and the answer becomes the
+        replay (same body) or the reuse refusal. Only a body that validation
+        refuses has its key looked up (by `_settle`), since a key bound by an
+        accepted body decides the answer even after the era changed.
+        """
         plan = _Plan(answers=[])
-        keyed: list[tuple[int, JSONObject, bytes, str]] = []
+        accepted_here: dict[str, KeyBinding] = {}
+        now = self.clock()
+        validate = self.validator.signal if kind == "signal" else self.validator.strategy
         for position, item in enumerate(items):
             try:
                 if isinstance(item, ServiceError):
@@ -170,36 +200,44 @@ class SubmissionIntake:
             except ServiceError as exc:
                 plan.answers.append(_refusal_answer(exc))
                 continue
-            plan.answers.append(None)
-            keyed.append((position, body, canonical, key))
-        if not keyed:
-            return plan
-        bound = self.store.bound_keys(owner, [key for _, _, _, key in keyed])
-        now = self.clock()
-        for position, body, canonical, key in keyed:
             fingerprint = submission_fingerprint(kind, canonical)
-            if key in bound:
-                plan.answers[position] = _replay_or_reuse(key, bound[key], fingerprint)
+            if key in accepted_here:
+                plan.answers.append(_replay_or_reuse(key, accepted_here[key], fingerprint))
                 continue
             try:
-                accepted = self.validator.signal(body) if kind == "signal" else self.validator.strategy(body)
+                accepted = validate(body, body_size=len(canonical))
             except ServiceError as exc:
-                plan.answers[position] = _refusal_answer(exc)
+                plan.answers.append(_refusal_answer(exc))
+                plan.refused_keys[position] = (key, fingerprint)
                 continue
             record = self._new_record(owner, key, fingerprint, accepted, now)
             plan.new_records[position] = record
-            bound[key] = KeyBinding(fingerprint, record.answer)
-            plan.answers[position] = Answer(202, record.answer)
+            accepted_here[key] = KeyBinding(fingerprint, record.answer)
+            plan.answers.append(Answer(202, record.answer))
+        if plan.new_records:
+            plan.written = self.store.insert_later(list(plan.new_records.values()))
         return plan
 
-    async def _write(self, plan: _Plan) -> list[Answer]:
-        if plan.new_records:
-            written = await asyncio.wrap_future(self.store.insert_later(list(plan.new_records.values())))
+    async def _settle(self, owner: str, plan: _Plan) -> list[Answer]:
+        """Wait for the plan's write and settle every answer that a bound key decides."""
+        if plan.refused_keys:
+            keys = [key for key, _ in plan.refused_keys.values()]
+            bound = await self.pool.run(self.store.bound_keys, owner, keys)
+            for position, (key, fingerprint) in plan.refused_keys.items():
+                if key in bound:
+                    plan.answers[position] = _replay_or_reuse(key, bound[key], fingerprint)
+        if plan.written is not None:
+            written = await asyncio.wrap_future(plan.written)
             for (position, record), binding in zip(plan.new_records.items(), written, strict=True):
                 if binding is not None:
-                    # The key was bound between the lookup and the write.
                     plan.answers[position] = _replay_or_reuse(record.idempotency_key, binding, record.fingerprint)
-            self.on_accepted()
+            due = [
+                record.next_action_at
+                for record, binding in zip(plan.new_records.values(), written, strict=True)
+                if binding is None and record.next_action_at is not None
+            ]
+            if due:
+                self.on_accepted(min(due))
         settled: list[Answer] = []
         for answer in plan.answers:
             assert answer is not None, "every body of the request has been answered"

@@ -75,6 +75,7 @@ def uvicorn_server(runtime: ServiceRuntime, *, log_level: str = "warning") -> uv
         limits=runtime.config.limits,
         http=ConnectionTrackingH11Protocol if runtime.config.faults else BoundedH11Protocol,
         lifespan="off",
+        proxy_headers=False,
         log_level=log_level,
         access_log=False,
         timeout_graceful_shutdown=GRACEFUL_SHUTDOWN_SECONDS,

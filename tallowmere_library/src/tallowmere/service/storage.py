@@ -475,19 +475,18 @@ class SubmissionStore:
         that the caller can tell a replay from a reused key. The future is
         resolved once the write is committed and synced.
         """
-        rows = [_insert_parameters(record) for record in records]
-        keys = [(record.owner, record.idempotency_key) for record in records]
+        records = list(records)
 
         def write(connection: sqlite3.Connection) -> list[KeyBinding | None]:
             outcome: list[KeyBinding | None] = []
-            for parameters, (owner, key) in zip(rows, keys, strict=True):
-                cursor = connection.execute(_INSERT, parameters)
+            for record in records:
+                cursor = connection.execute(_INSERT, _insert_parameters(record))
                 if cursor.rowcount == 1:
                     outcome.append(None)
                     continue
                 row = connection.execute(
                     "SELECT fingerprint, answer_json FROM submissions WHERE owner = ? AND idempotency_key = ?",
-                    (owner, key),
+                    (record.owner, record.idempotency_key),
                 ).fetchone()
                 outcome.append(KeyBinding(row["fingerprint"], json.loads(row["answer_json"])))
             return outcome
