@@ -113,7 +113,7 @@ def test_a_duplicate_is_409_only_while_the_first_is_still_processed(
     insert_later = store.insert_later
     entered = threading.Event()
 
-    def slow_insert_later(records: list[Any]) -> Future[Any]:
+    def slow_insert_later(records: list[Any], loop: Any = None) -> Future[Any]:
         # The first request waits for a slow disk: still processing, not stored yet.
         written: Future[Any] = Future()
 

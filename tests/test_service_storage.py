@@ -163,3 +163,33 @@ def test_the_work_pool_retires_idle_threads_and_bounds_busy_ones() -> None:
     assert all(future.done() for future in queued)
     with pytest.raises(RuntimeError):
         pool.submit(int, "1")
+
+
+def test_a_failing_write_in_a_group_fails_alone(tmp_path: Path) -> None:
+    from tallowmere.service.records import SubmissionRecord
+
+    def record(key: str, owner: object = "owner-a") -> SubmissionRecord:
+        return SubmissionRecord(
+            submission_id=f"sig_{key}", owner=owner, kind="signal", idempotency_key=key,  # type: ignore[arg-type]
+            fingerprint="f", pool_name="momentum", named_universe="top300", market_id=1, era_number=3,
+            request={}, answer={"submission_id": f"sig_{key}"}, thresholds={}, status="signal_submitted",
+            created_at=1.0, updated_at=1.0, next_action_at=None,
+        )
+
+    store = SubmissionStore(tmp_path / "group.db")
+    try:
+        gate = threading.Event()
+        blocker = store._write(lambda connection: gate.wait(5))  # holds the writer while the group queues up
+        queued = [store.insert_later([record("first")]), store.insert_later([record("bad", owner=None)]),
+                  store.insert_later([record("second"), record("first")])]
+        gate.set()
+        assert blocker.result(5) is True
+        assert queued[0].result(5) == [None]
+        with pytest.raises(sqlite3.IntegrityError):
+            queued[1].result(5)
+        second, replayed = queued[2].result(5)
+        assert second is None and replayed is not None and replayed.answer == {"submission_id": "sig_first"}
+        page = store.list_for_owner("owner-a")
+        assert [status.submission_id for status in page.submissions] == ["sig_second", "sig_first"]
+    finally:
+        store.close()

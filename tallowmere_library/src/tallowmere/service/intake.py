@@ -68,7 +68,7 @@ class _Plan:
 
     answers: list[Answer | None]
     new_records: dict[int, SubmissionRecord] = field(default_factory=dict)
-    written: Future[list[KeyBinding | None]] | None = None
+    written: Future[list[KeyBinding | None]] | asyncio.Future[list[KeyBinding | None]] | None = None
     refused_keys: dict[int, tuple[str, str]] = field(default_factory=dict)
 
 
@@ -122,33 +122,41 @@ class SubmissionIntake:
 
     async def submit(self, kind: SubmissionKind, owner: str, raw: bytes, header_key: str | None) -> Answer:
         """Answer one ``POST /signals/submit`` or ``/strategies/submit`` body (raw bytes)."""
+        loop = asyncio.get_running_loop()
         with RequestClaims(self.in_flight) as claims:
             if len(raw) <= INLINE_BODY_BYTES:
-                plan = self._plan_single(kind, owner, raw, header_key, claims)
+                plan = self._plan_single(kind, owner, raw, header_key, claims, loop)
             else:
-                plan = await self.pool.run(self._plan_single, kind, owner, raw, header_key, claims)
+                plan = await self.pool.run(self._plan_single, kind, owner, raw, header_key, claims, loop)
             answers = await self._settle(owner, plan)
         return answers[0]
 
     async def submit_batch(self, owner: str, raw: bytes) -> list[Answer]:
         """Answer each signal of a ``POST /signals/batch`` body (raw bytes) on its own, in order."""
+        loop = asyncio.get_running_loop()
         with RequestClaims(self.in_flight) as claims:
             if len(raw) <= INLINE_BODY_BYTES:
-                plan = self._plan_batch(owner, raw, claims)
+                plan = self._plan_batch(owner, raw, claims, loop)
             else:
-                plan = await self.pool.run(self._plan_batch, owner, raw, claims)
+                plan = await self.pool.run(self._plan_batch, owner, raw, claims, loop)
             return await self._settle(owner, plan)
 
     def _plan_single(
-        self, kind: SubmissionKind, owner: str, raw: bytes, header_key: str | None, claims: RequestClaims
+        self,
+        kind: SubmissionKind,
+        owner: str,
+        raw: bytes,
+        header_key: str | None,
+        claims: RequestClaims,
+        loop: asyncio.AbstractEventLoop,
     ) -> _Plan:
         body = parse_json_object(raw)
         canonical = canonical_body(body)
         key = body_idempotency_key(body)
         check_header_matches(header_key, key)
-        return self._plan(kind, owner, [(body, canonical)], claims)
+        return self._plan(kind, owner, [(body, canonical)], claims, loop)
 
-    def _plan_batch(self, owner: str, raw: bytes, claims: RequestClaims) -> _Plan:
+    def _plan_batch(self, owner: str, raw: bytes, claims: RequestClaims, loop: asyncio.AbstractEventLoop) -> _Plan:
         document = parse_json_object(raw)
         signals = document.get("signals")
         unknown = sorted(echo(key) for key in document if key != "signals")
@@ -168,7 +176,7 @@ class SubmissionIntake:
                 items.append((body, canonical_body(body)))
             except ServiceError as exc:
                 items.append(exc)
-        return self._plan("signal", owner, items, claims)
+        return self._plan("signal", owner, items, claims, loop)
 
     def _plan(
         self,
@@ -176,8 +184,9 @@ class SubmissionIntake:
         owner: str,
         items: Sequence[tuple[object, bytes] | ServiceError],
         claims: RequestClaims,
+        loop: asyncio.AbstractEventLoop,
     ) -> _Plan:
-        """Judge each item and queue the write of the accepted ones.
+        """Judge each item and queue the write of the accepted ones (its outcome delivered on ``loop``).
 
         A new valid body is written without looking its key up first: the
         write itself reports a key bound already, and the answer becomes the
@@ -215,7 +224,7 @@ class SubmissionIntake:
             accepted_here[key] = KeyBinding(fingerprint, record.answer)
             plan.answers.append(Answer(202, record.answer))
         if plan.new_records:
-            plan.written = self.store.insert_later(list(plan.new_records.values()))
+            plan.written = self.store.insert_later(list(plan.new_records.values()), loop)
         return plan
 
     async def _settle(self, owner: str, plan: _Plan) -> list[Answer]:
@@ -227,7 +236,7 @@ class SubmissionIntake:
                 if key in bound:
                     plan.answers[position] = _replay_or_reuse(key, bound[key], fingerprint)
         if plan.written is not None:
-            written = await asyncio.wrap_future(plan.written)
+            written = await asyncio.wrap_future(plan.written) if isinstance(plan.written, Future) else await plan.written
             for (position, record), binding in zip(plan.new_records.items(), written, strict=True):
                 if binding is not None:
                     plan.answers[position] = _replay_or_reuse(record.idempotency_key, binding, record.fingerprint)

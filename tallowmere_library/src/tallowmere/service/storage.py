@@ -25,6 +25,7 @@ restart keeps every submission, its status and its idempotency record.
 
 from __future__ import annotations
 
+import asyncio
 import fcntl
 import json
 import os
@@ -304,8 +305,41 @@ _STOP_WRITER: Final = object()
 Write = Callable[[sqlite3.Connection], Any]
 
 
+class _Waiter:
+    """Who waits for one queued write: a thread (a concurrent future) or a task (an asyncio future on its loop)."""
+
+    __slots__ = ("future", "loop")
+
+    def __init__(self, future: Future[Any] | asyncio.Future[Any], loop: asyncio.AbstractEventLoop | None) -> None:
+        self.future = future
+        self.loop = loop
+
+    def wants_result(self) -> bool:
+        if self.loop is None:
+            assert isinstance(self.future, Future)
+            return self.future.set_running_or_notify_cancel()
+        return not self.future.cancelled()  # read across threads; at worst a cancelled write is made
+
+
+def _settle_on_loop(outcomes: list[tuple[asyncio.Future[Any], bool, Any]]) -> None:
+    for future, succeeded, value in outcomes:
+        if future.done():
+            continue
+        if succeeded:
+            future.set_result(value)
+        else:
+            future.set_exception(value)
+
+
 class _Writer:
-    """The one thread that writes, committing queued writes in groups."""
+    """The one thread that writes, committing queued writes in groups.
+
+    A group first runs as one plain transaction. Should a write of it fail,
+    the transaction is rolled back and the group runs again with a savepoint
+    around each write, so that the failing write alone is refused. The
+    outcomes for tasks of an event loop are handed to that loop in one call
+    per group, which keeps the hand-overs between threads few.
+    """
 
     def __init__(self, connection: sqlite3.Connection, name: str) -> None:
         self._connection = connection
@@ -315,7 +349,14 @@ class _Writer:
 
     def submit(self, write: Callable[[sqlite3.Connection], T]) -> Future[T]:
         future: Future[T] = Future()
-        self._queue.put((future, write))
+        self._queue.put((_Waiter(future, None), write))
+        return future
+
+    def submit_for_loop(
+        self, write: Callable[[sqlite3.Connection], T], loop: asyncio.AbstractEventLoop
+    ) -> asyncio.Future[T]:
+        future: asyncio.Future[T] = loop.create_future()
+        self._queue.put((_Waiter(future, loop), write))
         return future
 
     def stop(self, timeout: float) -> None:
@@ -342,46 +383,75 @@ class _Writer:
                         stopping = True
                         break
                     group.append(item)
-                self._commit(group)
+                live = [(waiter, write) for waiter, write in group if waiter.wants_result()]
+                if live:
+                    self._deliver(self._commit(live))
         finally:
             self._connection.close()
 
-    def _commit(self, group: list[tuple[Future[Any], Write]]) -> None:
-        live = [(future, write) for future, write in group if future.set_running_or_notify_cancel()]
-        if not live:
-            return
+    def _commit(self, live: list[tuple[_Waiter, Write]]) -> list[tuple[_Waiter, bool, Any]]:
         connection = self._connection
-        outcomes: list[tuple[Future[Any], bool, Any]] = []
         try:
-            connection.execute("BEGIN IMMEDIATE")
-            for future, write in live:
-                connection.execute("SAVEPOINT one_write")
-                try:
-                    result = write(connection)
-                except Exception as exc:  # this write alone fails; the others of the group go on
-                    connection.execute("ROLLBACK TO one_write")
-                    connection.execute("RELEASE one_write")
-                    outcomes.append((future, False, exc))
-                else:
-                    connection.execute("RELEASE one_write")
-                    outcomes.append((future, True, result))
+            try:
+                connection.execute("BEGIN IMMEDIATE")
+                results = [write(connection) for _, write in live]
+            except sqlite3.OperationalError:
+                raise  # the database itself refuses (locked, full, I/O): every write of the group fails
+            except Exception:
+                connection.execute("ROLLBACK")
+                return self._commit_one_by_one(live)
             connection.execute("COMMIT")
-        except BaseException as exc:
-            if connection.in_transaction:
-                try:
-                    connection.execute("ROLLBACK")
-                except sqlite3.Error:
-                    pass
-            for future, _ in live:
-                future.set_exception(exc)
-            if not isinstance(exc, Exception):
-                raise
-            return
-        for future, succeeded, value in outcomes:
-            if succeeded:
-                future.set_result(value)
+        except Exception as exc:
+            self._roll_back()
+            return [(waiter, False, exc) for waiter, _ in live]
+        except BaseException:
+            self._roll_back()
+            raise
+        return [(waiter, True, result) for (waiter, _), result in zip(live, results, strict=True)]
+
+    def _commit_one_by_one(self, live: list[tuple[_Waiter, Write]]) -> list[tuple[_Waiter, bool, Any]]:
+        connection = self._connection
+        outcomes: list[tuple[_Waiter, bool, Any]] = []
+        connection.execute("BEGIN IMMEDIATE")
+        for waiter, write in live:
+            connection.execute("SAVEPOINT one_write")
+            try:
+                result = write(connection)
+            except Exception as exc:  # this write alone fails; the others of the group go on
+                connection.execute("ROLLBACK TO one_write")
+                connection.execute("RELEASE one_write")
+                outcomes.append((waiter, False, exc))
             else:
-                future.set_exception(value)
+                connection.execute("RELEASE one_write")
+                outcomes.append((waiter, True, result))
+        connection.execute("COMMIT")
+        return outcomes
+
+    def _roll_back(self) -> None:
+        if self._connection.in_transaction:
+            try:
+                self._connection.execute("ROLLBACK")
+            except sqlite3.Error:
+                pass
+
+    @staticmethod
+    def _deliver(outcomes: list[tuple[_Waiter, bool, Any]]) -> None:
+        by_loop: dict[asyncio.AbstractEventLoop, list[tuple[asyncio.Future[Any], bool, Any]]] = {}
+        for waiter, succeeded, value in outcomes:
+            if waiter.loop is None:
+                assert isinstance(waiter.future, Future)
+                if succeeded:
+                    waiter.future.set_result(value)
+                else:
+                    waiter.future.set_exception(value)
+            else:
+                assert isinstance(waiter.future, asyncio.Future)
+                by_loop.setdefault(waiter.loop, []).append((waiter.future, succeeded, value))
+        for loop, settled in by_loop.items():
+            try:
+                loop.call_soon_threadsafe(_settle_on_loop, settled)
+            except RuntimeError:
+                pass  # the loop is closed; nobody waits any more
 
 
 class SubmissionStore:
@@ -433,11 +503,15 @@ class SubmissionStore:
 
     # -- plumbing -----------------------------------------------------------------------
 
-    def _write(self, write: Callable[[sqlite3.Connection], T]) -> Future[T]:
+    def _write(
+        self, write: Callable[[sqlite3.Connection], T], loop: asyncio.AbstractEventLoop | None = None
+    ) -> Future[T] | asyncio.Future[T]:
         with self._lock:
             if self._closed:
                 raise StorageClosedError(f"submission store {self.path} is closed")
-            return self._writer.submit(write)
+            if loop is None:
+                return self._writer.submit(write)
+            return self._writer.submit_for_loop(write, loop)
 
     @contextmanager
     def _read(self) -> Iterator[sqlite3.Connection]:
@@ -467,13 +541,17 @@ class SubmissionStore:
 
     # -- writes -------------------------------------------------------------------------
 
-    def insert_later(self, records: Sequence[SubmissionRecord]) -> Future[list[KeyBinding | None]]:
+    def insert_later(
+        self, records: Sequence[SubmissionRecord], loop: asyncio.AbstractEventLoop | None = None
+    ) -> Future[list[KeyBinding | None]] | asyncio.Future[list[KeyBinding | None]]:
         """Queue ``records`` for one durable write; the future tells, for each, what happened.
 
         None for a record written; the stored `KeyBinding` for a record whose
         (owner, idempotency key) was bound already, which is not written, so
         that the caller can tell a replay from a reused key. The future is
-        resolved once the write is committed and synced.
+        resolved once the write is committed and synced: a concurrent future,
+        or, given the event ``loop`` of the awaiting task, an asyncio future
+        of that loop.
         """
         records = list(records)
 
@@ -491,11 +569,13 @@ class SubmissionStore:
                 outcome.append(KeyBinding(row["fingerprint"], json.loads(row["answer_json"])))
             return outcome
 
-        return self._write(write)
+        return self._write(write, loop)
 
     def insert(self, records: Sequence[SubmissionRecord]) -> list[KeyBinding | None]:
         """Store ``records`` in one durable transaction (see `insert_later`) and wait for it."""
-        return self.insert_later(records).result()
+        written = self.insert_later(records)
+        assert isinstance(written, Future)
+        return written.result()
 
     def advance(self, record: SubmissionRecord, transition: Transition, now: float, timestamp: str) -> bool:
         """Move ``record`` to ``transition.status`` unless its status changed meanwhile.
@@ -538,7 +618,9 @@ class SubmissionStore:
                 )
             return True
 
-        return self._write(write).result()
+        written = self._write(write)
+        assert isinstance(written, Future)
+        return written.result()
 
     # -- reads --------------------------------------------------------------------------
 
