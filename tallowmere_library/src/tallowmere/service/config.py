@@ -62,6 +62,10 @@ class ServiceLimits:
     waits for a lock that another process holds on the database before the
     request is answered 503. ``large_body_slots``: requests over
     `MAX_SUBMISSION_BYTES` (batches) read and parsed at once; more wait.
+    ``switch_interval``: the interpreter's thread switch interval while the
+    service runs (`sys.setswitchinterval`); shorter than Python's 5 ms, it
+    hands the interpreter back to the event loop sooner when the lifecycle
+    worker computes or a thread finishes a database call.
     """
 
     max_connections: int = 512
@@ -73,6 +77,7 @@ class ServiceLimits:
     write_busy_timeout: float = 5.0
     read_busy_timeout: float = 2.0
     large_body_slots: int = 2
+    switch_interval: float = 0.001
 
     def __post_init__(self) -> None:
         for name in ("max_connections", "work_threads", "large_body_slots"):
@@ -86,6 +91,7 @@ class ServiceLimits:
             "thread_idle_seconds",
             "write_busy_timeout",
             "read_busy_timeout",
+            "switch_interval",
         ):
             _positive_finite(name, getattr(self, name))
 

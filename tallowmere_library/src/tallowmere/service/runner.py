@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import signal
 import socket
+import sys
 import threading
 import time
 from collections.abc import Callable, Iterator, Mapping, Sequence
@@ -83,6 +84,17 @@ def uvicorn_server(runtime: ServiceRuntime, *, log_level: str = "warning") -> uv
     return uvicorn.Server(config)
 
 
+@contextmanager
+def switch_interval(seconds: float) -> Iterator[None]:
+    """Set the interpreter's thread switch interval for the duration of the block, then restore it."""
+    previous = sys.getswitchinterval()
+    sys.setswitchinterval(seconds)
+    try:
+        yield
+    finally:
+        sys.setswitchinterval(previous)
+
+
 def resolve_eras(eras: Mapping[str, Any] | str | Path | None) -> dict[str, Any] | None:
     """Return the era catalog to publish: a mapping as given, a file's content, or None for the bundled one."""
     if eras is None:
@@ -132,29 +144,30 @@ def run_service(
         raise
     server = uvicorn_server(runtime)
     thread = threading.Thread(target=server.run, kwargs={"sockets": [sock]}, name="tallowmere-service", daemon=True)
-    try:
-        runtime.start()
-        thread.start()
-        deadline = time.monotonic() + STARTUP_TIMEOUT_SECONDS
-        while not server.started:
-            if not thread.is_alive() or time.monotonic() > deadline:
-                raise RuntimeError("the service did not start; see the log for uvicorn's error")
-            time.sleep(0.005)
-        bound_port = sock.getsockname()[1]
-        yield RunningService(
-            base_url=base_url_of(sock),
-            host=host,
-            port=bound_port,
-            tokens=tuple(config.tokens),
-            db_path=config.db_path,
-            runtime=runtime,
-        )
-    finally:
-        server.should_exit = True
-        if thread.is_alive():
-            thread.join(GRACEFUL_SHUTDOWN_SECONDS + 10)
-        runtime.close()
-        sock.close()
+    with switch_interval(config.limits.switch_interval):
+        try:
+            runtime.start()
+            thread.start()
+            deadline = time.monotonic() + STARTUP_TIMEOUT_SECONDS
+            while not server.started:
+                if not thread.is_alive() or time.monotonic() > deadline:
+                    raise RuntimeError("the service did not start; see the log for uvicorn's error")
+                time.sleep(0.005)
+            bound_port = sock.getsockname()[1]
+            yield RunningService(
+                base_url=base_url_of(sock),
+                host=host,
+                port=bound_port,
+                tokens=tuple(config.tokens),
+                db_path=config.db_path,
+                runtime=runtime,
+            )
+        finally:
+            server.should_exit = True
+            if thread.is_alive():
+                thread.join(GRACEFUL_SHUTDOWN_SECONDS + 10)
+            runtime.close()
+            sock.close()
 
 
 def serve_forever(runtime: ServiceRuntime, sock: socket.socket, *, log_level: str = "info") -> None:
@@ -176,7 +189,8 @@ def serve_forever(runtime: ServiceRuntime, sock: socket.socket, *, log_level: st
             previous[stop_signal] = signal.signal(stop_signal, stop)
     runtime.start()
     try:
-        server.run(sockets=[sock])
+        with switch_interval(runtime.config.limits.switch_interval):
+            server.run(sockets=[sock])
     finally:
         for stop_signal, handler in previous.items():
             signal.signal(stop_signal, handler)
