@@ -234,3 +234,18 @@ def test_service_config_refuses_tokens_that_no_header_can_carry(tmp_path: Path) 
         with pytest.raises(ValueError, match="printable ASCII"):
             ServiceConfig(db_path=tmp_path / "x.db", tokens=[token])
     assert main(["serve", "--port", "0", "--db", str(tmp_path / "s.db"), "--token", "tök"]) == 2
+
+
+def test_an_unexpected_failure_is_a_json_500_that_keeps_the_connection(
+    service: RunningService, alpha: httpx.Client, server_log: pytest.LogCaptureFixture, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    def broken(submission_id: str) -> None:
+        raise RuntimeError("a bug")
+
+    monkeypatch.setattr(service.runtime.store, "status_of", broken)
+    answer = alpha.get("/signals/status/sig_x")
+    assert (answer.status_code, answer.json()) == (500, {"error": "internal server error"})
+    assert answer.headers.get("connection") != "close"
+    assert alpha.get("/eras").status_code == 200
+    logged = [record for record in server_log.records if record.levelno >= logging.ERROR]
+    assert len(logged) == 1 and logged[0].exc_info is not None
