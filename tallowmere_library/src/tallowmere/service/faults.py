@@ -45,7 +45,7 @@ from starlette.responses import Response
 from starlette.routing import Route
 from starlette.types import ASGIApp, Message, Receive, Scope, Send
 from tallowmere.service.bodies import read_small_json_object
-from tallowmere.service.connections import BoundedH11Protocol
+from tallowmere.service.connections import BoundedHttpProtocol
 from tallowmere.service.errors import json_response, refusal
 from tallowmere.service.jsonio import JSONObject
 
@@ -155,8 +155,8 @@ class FaultPlan:
 _OPEN_CONNECTIONS: dict[tuple[Any, Any], asyncio.Transport] = {}
 
 
-class ConnectionTrackingH11Protocol(BoundedH11Protocol):
-    """The service's h11 protocol, remembering each open connection so that a fault can close it."""
+class ConnectionTrackingHttpProtocol(BoundedHttpProtocol):
+    """The service's HTTP protocol, remembering each open connection so that a fault can close it."""
 
     def connection_made(self, transport: asyncio.Transport) -> None:  # type: ignore[override]
         """Register the new connection (uvicorn's own protocol types it as a stream transport too)."""
@@ -173,7 +173,7 @@ async def _close_connection(scope: Scope) -> None:
     server, client = scope.get("server"), scope.get("client")
     transport = _OPEN_CONNECTIONS.get((tuple(server) if server else None, tuple(client) if client else None))
     if transport is None:
-        raise RuntimeError("this connection is not tracked; serve with ConnectionTrackingH11Protocol to drop it")
+        raise RuntimeError("this connection is not tracked; serve with ConnectionTrackingHttpProtocol to drop it")
     transport.close()
     # Let the protocol see the connection go before the application returns,
     # so the server does not try to answer on it.

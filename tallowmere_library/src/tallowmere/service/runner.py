@@ -17,9 +17,9 @@ import uvicorn
 
 from tallowmere.service.catalog import load_catalog_file
 from tallowmere.service.config import EvaluationPolicy, LifecycleTimings, ServiceConfig, ServiceLimits
-from tallowmere.service.connections import BoundedH11Protocol, ServerSettings
+from tallowmere.service.connections import BoundedHttpProtocol, ServerSettings
 from tallowmere.service.evaluation import Resimulator, simulator_resimulation
-from tallowmere.service.faults import ConnectionTrackingH11Protocol
+from tallowmere.service.faults import ConnectionTrackingHttpProtocol
 from tallowmere.service.runtime import ServiceRuntime
 
 STARTUP_TIMEOUT_SECONDS = 30.0
@@ -74,7 +74,7 @@ def uvicorn_server(runtime: ServiceRuntime, *, log_level: str = "warning") -> uv
     config = ServerSettings(
         runtime.app,
         limits=runtime.config.limits,
-        http=ConnectionTrackingH11Protocol if runtime.config.faults else BoundedH11Protocol,
+        http=ConnectionTrackingHttpProtocol if runtime.config.faults else BoundedHttpProtocol,
         lifespan="off",
         proxy_headers=False,
         log_level=log_level,
@@ -170,13 +170,22 @@ def run_service(
             sock.close()
 
 
-def serve_forever(runtime: ServiceRuntime, sock: socket.socket, *, log_level: str = "info") -> None:
+def serve_forever(
+    runtime: ServiceRuntime,
+    sock: socket.socket,
+    *,
+    log_level: str = "info",
+    announce: Callable[[], None] = lambda: None,
+) -> None:
     """Serve ``runtime`` on ``sock`` in this thread until SIGINT or SIGTERM, then stop everything and return.
 
     uvicorn turns the first SIGINT/SIGTERM into a graceful shutdown and then
     re-raises the signal; the handlers installed here absorb that re-raise
     (and stop a server that is signalled before uvicorn took over), so the
     worker is stopped and the database closed before the caller exits normally.
+    ``announce`` (which tells the world the URL) runs once those handlers
+    are in place, so that a signal sent as soon as the URL is known stops
+    the service cleanly.
     """
     server = uvicorn_server(runtime, log_level=log_level)
 
@@ -187,8 +196,9 @@ def serve_forever(runtime: ServiceRuntime, sock: socket.socket, *, log_level: st
     if threading.current_thread() is threading.main_thread():
         for stop_signal in (signal.SIGINT, signal.SIGTERM):
             previous[stop_signal] = signal.signal(stop_signal, stop)
-    runtime.start()
     try:
+        announce()
+        runtime.start()
         with switch_interval(runtime.config.limits.switch_interval):
             server.run(sockets=[sock])
     finally:
