@@ -22,6 +22,7 @@ from __future__ import annotations
 
 import asyncio
 import logging
+import weakref
 from typing import Any, Final
 
 import uvicorn
@@ -59,6 +60,45 @@ class ServerSettings(uvicorn.Config):
         self.max_connections = effective_max_connections(limits)
 
 
+class _DeadlineSweeper:
+    """One timer per server that closes the connections whose deadline has passed.
+
+    A deadline is then two attribute writes per request, where a timer of
+    its own would cost a heap entry to schedule and another to cancel.
+    """
+
+    def __init__(self, loop: asyncio.AbstractEventLoop, connections: set[Any], interval: float) -> None:
+        self.loop = loop
+        self.connections = connections
+        self.interval = interval
+        self.timer: asyncio.TimerHandle | None = None
+
+    def ensure_running(self) -> None:
+        if self.timer is None:
+            self.timer = self.loop.call_later(self.interval, self.sweep)
+
+    def sweep(self) -> None:
+        self.timer = None
+        now = self.loop.time()
+        for protocol in list(self.connections):
+            if isinstance(protocol, BoundedHttpProtocol) and protocol.deadline_at <= now:
+                protocol.deadline_passed()
+        if self.connections:
+            self.ensure_running()
+
+
+_SWEEPERS: weakref.WeakKeyDictionary[Any, _DeadlineSweeper] = weakref.WeakKeyDictionary()
+
+
+def _sweeper_for(protocol: BoundedHttpProtocol) -> _DeadlineSweeper:
+    sweeper = _SWEEPERS.get(protocol.server_state)
+    if sweeper is None or sweeper.loop is not protocol.loop:
+        shortest = min(protocol.limits.header_timeout, protocol.limits.body_timeout)
+        sweeper = _DeadlineSweeper(protocol.loop, protocol.connections, min(1.0, max(0.02, shortest / 4)))
+        _SWEEPERS[protocol.server_state] = sweeper
+    return sweeper
+
+
 class BoundedHttpProtocol(HttpToolsProtocol):
     """uvicorn's httptools protocol with a connection cap and read deadlines (see the module's notes)."""
 
@@ -67,7 +107,7 @@ class BoundedHttpProtocol(HttpToolsProtocol):
         super().__init__(config, *args, **kwargs)
         self.limits: ServiceLimits = getattr(config, "limits", ServiceLimits())
         self.max_connections: int = getattr(config, "max_connections", self.limits.max_connections)
-        self._deadline: asyncio.TimerHandle | None = None
+        self.deadline_at = float("inf")
         self._deadline_phase: str | None = None
         self._head_bytes = 0
 
@@ -83,6 +123,7 @@ class BoundedHttpProtocol(HttpToolsProtocol):
             )
             transport.close()
             return
+        _sweeper_for(self).ensure_running()
         self._arm("head")
 
     def connection_lost(self, exc: Exception | None) -> None:
@@ -128,22 +169,19 @@ class BoundedHttpProtocol(HttpToolsProtocol):
             self.transport.close()
 
     def _arm(self, phase: str) -> None:
-        self._disarm()
         seconds = self.limits.header_timeout if phase == "head" else self.limits.body_timeout
-        self._deadline = self.loop.call_later(seconds, self._deadline_passed)
+        self.deadline_at = self.loop.time() + seconds
         self._deadline_phase = phase
         self._head_bytes = 0
 
     def _disarm(self) -> None:
-        if self._deadline is not None:
-            self._deadline.cancel()
-        self._deadline = None
+        self.deadline_at = float("inf")
         self._deadline_phase = None
 
-    def _deadline_passed(self) -> None:
+    def deadline_passed(self) -> None:
+        """Close the connection whose head or body is late (a 408 first for a late head)."""
         phase = self._deadline_phase
-        self._deadline = None
-        self._deadline_phase = None
+        self._disarm()
         if self.transport.is_closing():
             return
         if phase == "head":
