@@ -112,9 +112,11 @@ def writer(
 
 
 def client_process(
-    base_url: str, token: str, threads: int, template: dict[str, Any], singles: int, batches: int, queue: Any
+    base_url: str, token: str, threads: int, template: dict[str, Any], singles: int, batches: int, queue: Any,
+    niceness: int,
 ) -> None:
     """Run ``threads`` writers of one owner; put their merged report on ``queue``."""
+    os.nice(niceness)
     start = threading.Barrier(threads)
     reports: list[dict[str, Any]] = [{} for _ in range(threads)]
     workers = [
@@ -135,8 +137,9 @@ def client_process(
     })
 
 
-def reader_process(base_url: str, submission_id: str, stop: Any, queue: Any) -> None:
+def reader_process(base_url: str, submission_id: str, stop: Any, queue: Any, niceness: int) -> None:
     """Ask for one submission's status in a loop until ``stop`` is set; report the latencies."""
+    os.nice(niceness)
     latencies: list[float] = []
     with httpx.Client(base_url=base_url, headers={"Authorization": f"Bearer {READER_TOKEN}"}, timeout=60.0) as client:
         while not stop.is_set():
@@ -214,6 +217,10 @@ def main() -> int:
     parser.add_argument("--batches", type=int, default=5, help="batches of 100 per writer")
     parser.add_argument("--speed", type=float, default=1.0, help="lifecycle speed (the worker runs meanwhile)")
     parser.add_argument("--big-batches", type=int, default=0, help="concurrent batches of big signals at the end")
+    parser.add_argument(
+        "--client-nice", type=int, default=10,
+        help="niceness of the client processes, so that they do not take the CPU from the service they measure",
+    )
     args = parser.parse_args()
     template = body_template()
     tokens = [f"load-{n}" for n in range(args.processes)]
@@ -227,10 +234,12 @@ def main() -> int:
             reader_queue = context.Queue()
             stop = context.Event()
             reader = context.Process(target=reader_process,
-                                     args=(service.base_url, probe["submission_id"], stop, reader_queue))
+                                     args=(service.base_url, probe["submission_id"], stop, reader_queue,
+                                           args.client_nice))
             workers = [
                 context.Process(target=client_process,
-                                args=(service.base_url, token, args.threads, template, args.singles, args.batches, queue))
+                                args=(service.base_url, token, args.threads, template, args.singles, args.batches, queue,
+                                      args.client_nice))
                 for token in tokens
             ]
             began = time.perf_counter()
@@ -276,7 +285,8 @@ def main() -> int:
     single_seconds = max(end for _, end in single_spans) - min(start for start, _ in single_spans)
     batch_seconds = max(end for _, end in batch_spans) - min(start for start, _ in batch_spans)
     batched = acknowledged - (singles - failures)
-    print(f"machine: {os.cpu_count()} cores, Python {sys.version.split()[0]}")
+    print(f"machine: {os.cpu_count()} cores, Python {sys.version.split()[0]}, "
+          f"load average {os.getloadavg()[0]:.1f}, clients at niceness {args.client_nice}")
     rows = [
         ("concurrent writers", f"{writers} ({args.processes} x {args.threads})"),
         ("acknowledged submissions", f"{acknowledged}"),
