@@ -2,11 +2,11 @@
 
 from __future__ import annotations
 
+import asyncio
 import json
 import threading
 import time
 from collections.abc import Iterator
-from concurrent.futures import Future
 from pathlib import Path
 from typing import Any
 
@@ -110,22 +110,21 @@ def test_a_duplicate_is_409_only_while_the_first_is_still_processed(
 ) -> None:
     key = unique("inflight")
     store = service.runtime.store
-    insert_later = store.insert_later
     entered = threading.Event()
 
-    def slow_insert_later(records: list[Any], loop: Any = None) -> Future[Any]:
+    def slow_insert_for_loop(records: list[Any], loop: asyncio.AbstractEventLoop) -> asyncio.Future[Any]:
         # The first request waits for a slow disk: still processing, not stored yet.
-        written: Future[Any] = Future()
+        written: asyncio.Future[Any] = loop.create_future()
 
         def write_slowly() -> None:
             entered.set()
             time.sleep(0.5)
-            written.set_result(insert_later(records).result())
+            loop.call_soon_threadsafe(written.set_result, store.insert_later(records).result())
 
         threading.Thread(target=write_slowly).start()
         return written
 
-    monkeypatch.setattr(store, "insert_later", slow_insert_later)
+    monkeypatch.setattr(store, "insert_for_loop", slow_insert_for_loop)
     first: dict[str, httpx.Response] = {}
     slow = threading.Thread(target=lambda: first.update(answer=alpha.post("/signals/submit", json=signal_body(key=key))))
     slow.start()

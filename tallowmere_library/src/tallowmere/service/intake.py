@@ -23,7 +23,6 @@ import asyncio
 import time
 import uuid
 from collections.abc import Callable, Sequence
-from concurrent.futures import Future
 from dataclasses import dataclass, field
 from typing import Final
 
@@ -68,7 +67,7 @@ class _Plan:
 
     answers: list[Answer | None]
     new_records: dict[int, SubmissionRecord] = field(default_factory=dict)
-    written: Future[list[KeyBinding | None]] | asyncio.Future[list[KeyBinding | None]] | None = None
+    written: asyncio.Future[list[KeyBinding | None]] | None = None
     refused_keys: dict[int, tuple[str, str]] = field(default_factory=dict)
 
 
@@ -224,7 +223,7 @@ class SubmissionIntake:
             accepted_here[key] = KeyBinding(fingerprint, record.answer)
             plan.answers.append(Answer(202, record.answer))
         if plan.new_records:
-            plan.written = self.store.insert_later(list(plan.new_records.values()), loop)
+            plan.written = self.store.insert_for_loop(list(plan.new_records.values()), loop)
         return plan
 
     async def _settle(self, owner: str, plan: _Plan) -> list[Answer]:
@@ -236,7 +235,7 @@ class SubmissionIntake:
                 if key in bound:
                     plan.answers[position] = _replay_or_reuse(key, bound[key], fingerprint)
         if plan.written is not None:
-            written = await asyncio.wrap_future(plan.written) if isinstance(plan.written, Future) else await plan.written
+            written = await plan.written
             for (position, record), binding in zip(plan.new_records.items(), written, strict=True):
                 if binding is not None:
                     plan.answers[position] = _replay_or_reuse(record.idempotency_key, binding, record.fingerprint)

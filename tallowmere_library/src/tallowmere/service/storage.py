@@ -503,14 +503,18 @@ class SubmissionStore:
 
     # -- plumbing -----------------------------------------------------------------------
 
-    def _write(
-        self, write: Callable[[sqlite3.Connection], T], loop: asyncio.AbstractEventLoop | None = None
-    ) -> Future[T] | asyncio.Future[T]:
+    def _write(self, write: Callable[[sqlite3.Connection], T]) -> Future[T]:
         with self._lock:
             if self._closed:
                 raise StorageClosedError(f"submission store {self.path} is closed")
-            if loop is None:
-                return self._writer.submit(write)
+            return self._writer.submit(write)
+
+    def _write_for_loop(
+        self, write: Callable[[sqlite3.Connection], T], loop: asyncio.AbstractEventLoop
+    ) -> asyncio.Future[T]:
+        with self._lock:
+            if self._closed:
+                raise StorageClosedError(f"submission store {self.path} is closed")
             return self._writer.submit_for_loop(write, loop)
 
     @contextmanager
@@ -541,41 +545,25 @@ class SubmissionStore:
 
     # -- writes -------------------------------------------------------------------------
 
-    def insert_later(
-        self, records: Sequence[SubmissionRecord], loop: asyncio.AbstractEventLoop | None = None
-    ) -> Future[list[KeyBinding | None]] | asyncio.Future[list[KeyBinding | None]]:
+    def insert_later(self, records: Sequence[SubmissionRecord]) -> Future[list[KeyBinding | None]]:
         """Queue ``records`` for one durable write; the future tells, for each, what happened.
 
         None for a record written; the stored `KeyBinding` for a record whose
         (owner, idempotency key) was bound already, which is not written, so
         that the caller can tell a replay from a reused key. The future is
-        resolved once the write is committed and synced: a concurrent future,
-        or, given the event ``loop`` of the awaiting task, an asyncio future
-        of that loop.
+        resolved once the write is committed and synced.
         """
-        records = list(records)
+        return self._write(_insert_write(list(records)))
 
-        def write(connection: sqlite3.Connection) -> list[KeyBinding | None]:
-            outcome: list[KeyBinding | None] = []
-            for record in records:
-                cursor = connection.execute(_INSERT, _insert_parameters(record))
-                if cursor.rowcount == 1:
-                    outcome.append(None)
-                    continue
-                row = connection.execute(
-                    "SELECT fingerprint, answer_json FROM submissions WHERE owner = ? AND idempotency_key = ?",
-                    (record.owner, record.idempotency_key),
-                ).fetchone()
-                outcome.append(KeyBinding(row["fingerprint"], json.loads(row["answer_json"])))
-            return outcome
-
-        return self._write(write, loop)
+    def insert_for_loop(
+        self, records: Sequence[SubmissionRecord], loop: asyncio.AbstractEventLoop
+    ) -> asyncio.Future[list[KeyBinding | None]]:
+        """As `insert_later`, for a task of the event ``loop``: the future is one of that loop's."""
+        return self._write_for_loop(_insert_write(list(records)), loop)
 
     def insert(self, records: Sequence[SubmissionRecord]) -> list[KeyBinding | None]:
         """Store ``records`` in one durable transaction (see `insert_later`) and wait for it."""
-        written = self.insert_later(records)
-        assert isinstance(written, Future)
-        return written.result()
+        return self.insert_later(records).result()
 
     def advance(self, record: SubmissionRecord, transition: Transition, now: float, timestamp: str) -> bool:
         """Move ``record`` to ``transition.status`` unless its status changed meanwhile.
@@ -618,9 +606,7 @@ class SubmissionStore:
                 )
             return True
 
-        written = self._write(write)
-        assert isinstance(written, Future)
-        return written.result()
+        return self._write(write).result()
 
     # -- reads --------------------------------------------------------------------------
 
@@ -721,6 +707,26 @@ _INSERT: Final = (
     f"INSERT INTO submissions ({_COLUMNS}) VALUES ({', '.join('?' * 18)}) "
     "ON CONFLICT (owner, idempotency_key) DO NOTHING"
 )
+
+
+def _insert_write(records: list[SubmissionRecord]) -> Callable[[sqlite3.Connection], list[KeyBinding | None]]:
+    """Return the write that inserts ``records``, reporting each key bound already (see `insert_later`)."""
+
+    def write(connection: sqlite3.Connection) -> list[KeyBinding | None]:
+        outcome: list[KeyBinding | None] = []
+        for record in records:
+            cursor = connection.execute(_INSERT, _insert_parameters(record))
+            if cursor.rowcount == 1:
+                outcome.append(None)
+                continue
+            row = connection.execute(
+                "SELECT fingerprint, answer_json FROM submissions WHERE owner = ? AND idempotency_key = ?",
+                (record.owner, record.idempotency_key),
+            ).fetchone()
+            outcome.append(KeyBinding(row["fingerprint"], json.loads(row["answer_json"])))
+        return outcome
+
+    return write
 
 
 def _insert_parameters(record: SubmissionRecord) -> tuple[Any, ...]:
