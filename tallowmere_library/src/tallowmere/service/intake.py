@@ -219,6 +219,7 @@ class SubmissionIntake:
                 plan.refused_keys[position] = (key, fingerprint)
                 continue
             record = self._new_record(owner, key, fingerprint, accepted, now)
+            record.request_json = canonical.decode("utf-8")  # the body's canonical JSON serves as its stored text
             plan.new_records[position] = record
             accepted_here[key] = KeyBinding(fingerprint, record.answer)
             plan.answers.append(Answer(202, record.answer))

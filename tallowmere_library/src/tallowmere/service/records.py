@@ -32,7 +32,8 @@ HIDDEN_KEYS: Final = ("correlation", "is_weights_mi")
 
 def iso_timestamp(epoch_seconds: float) -> str:
     """Return ``epoch_seconds`` as an ISO-8601 UTC timestamp with microseconds, e.g. ``2025-01-02T03:04:05.000006Z``."""
-    return datetime.fromtimestamp(epoch_seconds, tz=UTC).strftime("%Y-%m-%dT%H:%M:%S.%fZ")
+    # isoformat ends in "+00:00" for a UTC time; it is several times cheaper than strftime.
+    return datetime.fromtimestamp(epoch_seconds, tz=UTC).isoformat(timespec="microseconds")[:-6] + "Z"
 
 
 def public_metric(value: Any) -> Any:
@@ -73,6 +74,8 @@ class SubmissionRecord:
     next_action_at: float | None
     outcome: JSONObject = field(default_factory=dict)
     history: list[JSONObject] = field(default_factory=list)
+    request_json: str | None = None
+    """``request`` as JSON text, when the caller has it already (else it is encoded when stored)."""
 
 
 @dataclass(frozen=True, slots=True)

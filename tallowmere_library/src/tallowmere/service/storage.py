@@ -740,7 +740,7 @@ def _insert_parameters(record: SubmissionRecord) -> tuple[Any, ...]:
         record.named_universe,
         record.market_id,
         record.era_number,
-        dumps_compact(record.request),
+        record.request_json if record.request_json is not None else dumps_compact(record.request),
         dumps_compact(record.answer),
         dumps_compact(record.thresholds),
         record.status,
