@@ -9,6 +9,7 @@ run on the work pool's threads, writes on the store's writer thread.
 
 from __future__ import annotations
 
+import asyncio
 import base64
 import binascii
 import re
@@ -60,6 +61,7 @@ class ServiceParts:
     intake: SubmissionIntake
     pool: WorkPool
     bodies: BodyReader
+    submission_slots: asyncio.Semaphore
     tokens: TokenRegistry
     fault_plan: FaultPlan | None
 
@@ -159,13 +161,15 @@ class Routes:
     async def _submit(self, kind: SubmissionKind, request: Request) -> Response:
         header_key: str | None = request.scope.get(IDEMPOTENCY_HEADER_SCOPE_KEY)
         async with self.parts.bodies.read(request, max_bytes=MAX_SUBMISSION_BYTES) as raw:
-            answer = await self.parts.intake.submit(kind, _owner(request), raw, header_key)
+            async with self.parts.submission_slots:
+                answer = await self.parts.intake.submit(kind, _owner(request), raw, header_key)
         return _answer_response(answer)
 
     async def submit_batch(self, request: Request) -> Response:
         """``POST /signals/batch``: judge each of up to 100 signals on its own."""
         async with self.parts.bodies.read(request, max_bytes=MAX_REQUEST_BYTES) as raw:
-            answers = await self.parts.intake.submit_batch(_owner(request), raw)
+            async with self.parts.submission_slots:
+                answers = await self.parts.intake.submit_batch(_owner(request), raw)
         results = [
             {"index": index, "status_code": answer.status_code, "body": answer.body}
             for index, answer in enumerate(answers)

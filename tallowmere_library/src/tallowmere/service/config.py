@@ -62,6 +62,9 @@ class ServiceLimits:
     waits for a lock that another process holds on the database before the
     request is answered 503. ``large_body_slots``: requests over
     `MAX_SUBMISSION_BYTES` (batches) read and parsed at once; more wait.
+    ``submission_slots``: submission requests (single or batch) processed at
+    once once their body is in; more wait their turn, so that a flood of
+    writers leaves the event loop free for status reads and listings.
     ``switch_interval``: the interpreter's thread switch interval while the
     service runs (`sys.setswitchinterval`); shorter than Python's 5 ms, it
     hands the interpreter back to the event loop sooner when the lifecycle
@@ -77,10 +80,11 @@ class ServiceLimits:
     write_busy_timeout: float = 5.0
     read_busy_timeout: float = 2.0
     large_body_slots: int = 2
+    submission_slots: int = 8
     switch_interval: float = 0.001
 
     def __post_init__(self) -> None:
-        for name in ("max_connections", "work_threads", "large_body_slots"):
+        for name in ("max_connections", "work_threads", "large_body_slots", "submission_slots"):
             value = getattr(self, name)
             if type(value) is not int or value < 1:
                 raise ValueError(f"{name} must be a positive integer, got {value!r}")

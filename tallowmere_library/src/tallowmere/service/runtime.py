@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import asyncio
 import time
 from collections.abc import Callable
 
@@ -69,6 +70,7 @@ class ServiceRuntime:
                 intake=self.intake,
                 pool=self.pool,
                 bodies=BodyReader(limits.large_body_slots),
+                submission_slots=asyncio.Semaphore(limits.submission_slots),
                 tokens=TokenRegistry(config.tokens),
                 fault_plan=self.fault_plan,
             )
