@@ -304,3 +304,21 @@ def test_strategy_submission_has_its_own_answer_shape(alpha: httpx.Client) -> No
     assert (answer.status_code, body["status"], body["strategy_pool_name"]) == (202, "strategy_submitted", "core")
     status = alpha.get(f"/signals/status/{body['submission_id']}").json()
     assert (status["signal_pool_name"], status["strategy_pool_name"]) == (None, "core")
+
+
+def test_claims_of_a_finished_request_cannot_hold_a_key_again() -> None:
+    from tallowmere.service.errors import ServiceError
+    from tallowmere.service.idempotency import InFlightKeys, RequestClaims
+
+    registry = InFlightKeys()
+    with RequestClaims(registry) as first:
+        first.claim("owner", "key")
+        first.claim("owner", "key")  # the same request may name a key twice
+        with pytest.raises(ServiceError) as refused, RequestClaims(registry) as second:
+            second.claim("owner", "key")
+        assert refused.value.reason == "idempotency_key_in_flight"
+    # A work thread still judging the body of a cancelled request must not keep the key held.
+    with pytest.raises(ServiceError) as late:
+        first.claim("owner", "key")
+    assert late.value.reason == "request_abandoned"
+    assert registry.held_count() == 0

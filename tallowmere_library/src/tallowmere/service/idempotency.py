@@ -79,20 +79,30 @@ class InFlightKeys:
 
     def new_holder(self) -> int:
         """Return a fresh holder identity for one request."""
-        return next(self._holder_ids)
+        holder = next(self._holder_ids)
+        with self._lock:
+            self._held_by[holder] = []
+        return holder
 
     def claim(self, owner: str, key: str, holder: int) -> None:
-        """Hold (owner, key) for ``holder``; raise 409 when another request holds it."""
+        """Hold (owner, key) for ``holder``; raise 409 when another request holds it.
+
+        A holder that released its keys already (its request was cancelled
+        while a work thread still judged its body) claims nothing more.
+        """
         pair = (owner, key)
         with self._lock:
+            held = self._held_by.get(holder)
+            if held is None:
+                raise ServiceError(503, "request_abandoned", {"message": "the request was cancelled"})
             current = self._holders.setdefault(pair, holder)
             if current == holder:
-                self._held_by.setdefault(holder, []).append(pair)
+                held.append(pair)
         if current != holder:
             raise ServiceError(409, "idempotency_key_in_flight", {"idempotency_key": echo(key)})
 
     def release_all(self, holder: int) -> None:
-        """Release every key that ``holder`` holds."""
+        """Release every key that ``holder`` holds; it can claim none afterwards."""
         with self._lock:
             for pair in self._held_by.pop(holder, ()):
                 if self._holders.get(pair) == holder:
