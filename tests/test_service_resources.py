@@ -15,8 +15,8 @@ import httpx
 import pytest
 
 from service_support import TOKEN_A, client_for, running, signal_body
-from tallowmere.service import RunningService
-from tallowmere.service.config import ServiceLimits, effective_max_connections
+from tallowmere.service import RunningService, ServiceLimits
+from tallowmere.service.config import effective_max_connections
 
 
 def open_descriptors() -> int:
