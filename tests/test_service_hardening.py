@@ -249,3 +249,15 @@ def test_an_unexpected_failure_is_a_json_500_that_keeps_the_connection(
     assert alpha.get("/eras").status_code == 200
     logged = [record for record in server_log.records if record.levelno >= logging.ERROR]
     assert len(logged) == 1 and logged[0].exc_info is not None
+
+
+def test_bodies_without_a_length_are_held_to_the_same_limits(alpha: httpx.Client) -> None:
+    stamp = time.monotonic_ns()
+    items = [body_text(f"chunked-{stamp}-{n}", search_state="s" * 60_000) for n in range(5)]
+    batch = batch_of(*items)  # over 256 KiB: read as a large body, a few at a time
+    chunks = [batch[start : start + 65_536] for start in range(0, len(batch), 65_536)]
+    answer = alpha.post("/signals/batch", content=iter(chunks), headers=JSON)
+    assert (answer.status_code, answer.json()["accepted"]) == (202, 5)
+    single = body_text(f"chunked-single-{stamp}", search_state="s" * 300_000).encode()
+    refused = alpha.post("/signals/submit", content=iter([single[:200_000], single[200_000:]]), headers=JSON)
+    assert (refused.status_code, refused.json()["reason"]) == (413, "body_too_large")

@@ -13,7 +13,7 @@ from __future__ import annotations
 
 import asyncio
 import logging
-from collections.abc import AsyncIterator
+from collections.abc import AsyncIterator, Awaitable, Callable
 from contextlib import asynccontextmanager
 from typing import Final
 
@@ -64,31 +64,40 @@ class BodyReader:
         if declared_size > max_bytes:
             raise ServiceError(413, "body_too_large", {"max_bytes": max_bytes})
         holding = False
-        try:
-            if declared_size > MAX_SUBMISSION_BYTES:
+
+        async def take_a_large_slot() -> None:
+            nonlocal holding
+            if not holding:
                 await self._large.acquire()
                 holding = True
-            chunks: list[bytes] = []
-            size = 0
-            try:
-                async for chunk in request.stream():
-                    size += len(chunk)
-                    if size > max_bytes:
-                        raise ServiceError(413, "body_too_large", {"max_bytes": max_bytes})
-                    if size > MAX_SUBMISSION_BYTES and not holding:
-                        await self._large.acquire()
-                        holding = True
-                    chunks.append(chunk)
-            except ClientDisconnect:
-                logger.info("%s %s: the client went away before sending the whole body", request.method,
-                            request.url.path)
-                raise ServiceError(400, "client_disconnected", {"received_bytes": size}) from None
-            raw = b"".join(chunks)
-            del chunks
-            yield raw
+
+        try:
+            if declared_size > MAX_SUBMISSION_BYTES:
+                await take_a_large_slot()
+            yield await _read_body(request, max_bytes, take_a_large_slot)
         finally:
             if holding:
                 self._large.release()
+
+
+async def _read_body(
+    request: Request, max_bytes: int, on_large: Callable[[], Awaitable[None]] | None = None
+) -> bytes:
+    """Collect the body, refusing one over ``max_bytes``; await ``on_large`` once it passes `MAX_SUBMISSION_BYTES`."""
+    chunks: list[bytes] = []
+    size = 0
+    try:
+        async for chunk in request.stream():
+            size += len(chunk)
+            if size > max_bytes:
+                raise ServiceError(413, "body_too_large", {"max_bytes": max_bytes})
+            if on_large is not None and size > MAX_SUBMISSION_BYTES:
+                await on_large()
+            chunks.append(chunk)
+    except ClientDisconnect:
+        logger.info("%s %s: the client went away before sending the whole body", request.method, request.url.path)
+        raise ServiceError(400, "client_disconnected", {"received_bytes": size}) from None
+    return b"".join(chunks)
 
 
 def parse_json_object(raw: bytes) -> JSONObject:
@@ -108,14 +117,4 @@ CONTROL_BODY_BYTES: Final = 64 * 1024
 async def read_small_json_object(request: Request, *, max_bytes: int = CONTROL_BODY_BYTES) -> JSONObject:
     """Read and parse a small JSON object body (a control request) on the spot."""
     check_content_type(request.headers.get("content-type"))
-    chunks: list[bytes] = []
-    size = 0
-    try:
-        async for chunk in request.stream():
-            size += len(chunk)
-            if size > max_bytes:
-                raise ServiceError(413, "body_too_large", {"max_bytes": max_bytes})
-            chunks.append(chunk)
-    except ClientDisconnect:
-        raise ServiceError(400, "client_disconnected", {"received_bytes": size}) from None
-    return parse_json_object(b"".join(chunks))
+    return parse_json_object(await _read_body(request, max_bytes))
