@@ -193,3 +193,29 @@ def test_a_failing_write_in_a_group_fails_alone(tmp_path: Path) -> None:
         assert [status.submission_id for status in page.submissions] == ["sig_second", "sig_first"]
     finally:
         store.close()
+
+
+def test_stopping_under_another_process_s_lock_takes_one_write_timeout_not_more(tmp_path: Path) -> None:
+    limits = ServiceLimits(write_busy_timeout=0.5, read_busy_timeout=0.5)
+    pending: dict[str, httpx.Response] = {}
+    db_path = tmp_path / "stuck.db"
+    outsider = sqlite3.connect(db_path, isolation_level=None)
+    try:
+        body = signal_body(key="stuck")
+        with running(db_path, limits=limits) as service:
+            client = client_for(service)  # outlives the service: its request is pending as the service stops
+            client.get("/eras")  # connected before the lock is taken
+            outsider.execute("BEGIN IMMEDIATE")
+            sender = threading.Thread(target=lambda: pending.update(answer=client.post("/signals/submit", json=body)))
+            sender.start()
+            time.sleep(0.2)  # the submission now waits for the lock
+            began = time.monotonic()
+        stopped_after = time.monotonic() - began
+        sender.join(5)
+        client.close()
+    finally:
+        if outsider.in_transaction:
+            outsider.execute("ROLLBACK")
+        outsider.close()
+    assert stopped_after < 3
+    assert (pending["answer"].status_code, pending["answer"].json()["reason"]) == (503, "storage_unavailable")
