@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import asyncio
 import json
 import threading
 import time
@@ -104,26 +105,56 @@ def test_a_refused_body_leaves_its_key_free(alpha: httpx.Client) -> None:
     assert alpha.post("/signals/submit", json=signal_body(key=key)).status_code == 202
 
 
-def test_a_duplicate_still_in_flight_is_refused_with_409(service: RunningService, alpha: httpx.Client) -> None:
+def test_a_duplicate_is_409_only_while_the_first_is_still_processed(
+    service: RunningService, alpha: httpx.Client, monkeypatch: pytest.MonkeyPatch
+) -> None:
     key = unique("inflight")
-    alpha.post("/_faults", json={"route": "signals/submit", "faults": ["delay:1.0"]}).raise_for_status()
+    store = service.runtime.store
+    entered = threading.Event()
+
+    def slow_insert_for_loop(records: list[Any], loop: asyncio.AbstractEventLoop) -> asyncio.Future[Any]:
+        # The first request waits for a slow disk: still processing, not stored yet.
+        written: asyncio.Future[Any] = loop.create_future()
+
+        def write_slowly() -> None:
+            entered.set()
+            time.sleep(0.5)
+            loop.call_soon_threadsafe(written.set_result, store.insert_later(records).result())
+
+        threading.Thread(target=write_slowly).start()
+        return written
+
+    monkeypatch.setattr(store, "insert_for_loop", slow_insert_for_loop)
     first: dict[str, httpx.Response] = {}
-
-    def submit_slowly() -> None:
-        first["answer"] = alpha.post("/signals/submit", json=signal_body(key=key))
-
-    slow = threading.Thread(target=submit_slowly)
+    slow = threading.Thread(target=lambda: first.update(answer=alpha.post("/signals/submit", json=signal_body(key=key))))
     slow.start()
-    time.sleep(0.4)
-    duplicate = alpha.post("/signals/submit", json=signal_body(key=key))
+    assert entered.wait(5)
+    with client_for(service, TOKEN_A) as other:
+        duplicate = other.post("/signals/submit", json=signal_body(key=key))
     slow.join()
     assert (duplicate.status_code, duplicate.json()["reason"]) == (409, "idempotency_key_in_flight")
     assert first["answer"].status_code == 202
-    assert alpha.post("/signals/submit", json=signal_body(key=key)).json() == first["answer"].json()
+    assert service.runtime.in_flight.held_count() == 0
+
+
+def test_a_retry_while_the_first_answer_is_on_its_way_gets_the_replay(
+    service: RunningService, alpha: httpx.Client
+) -> None:
+    key = unique("stored")
+    alpha.post("/_faults", json={"route": "signals/submit", "faults": ["delay:1.0"]}).raise_for_status()
+    first: dict[str, httpx.Response] = {}
+    slow = threading.Thread(target=lambda: first.update(answer=alpha.post("/signals/submit", json=signal_body(key=key))))
+    slow.start()
     deadline = time.monotonic() + 5
-    while service.runtime.in_flight.held_count():  # released just after the last answer left the server
-        assert time.monotonic() < deadline, "an idempotency key stayed held after its answer was sent"
-        time.sleep(0.01)
+    with client_for(service, TOKEN_A) as other:
+        while other.get("/signals/submissions", params={"idempotency_key": key}).json()["count"] == 0:
+            assert time.monotonic() < deadline, "the delayed submission was never stored"
+            time.sleep(0.02)
+        retry = other.post("/signals/submit", json=signal_body(key=key))
+    assert "answer" not in first, "the first answer should still be delayed"
+    slow.join()
+    assert (retry.status_code, retry.headers["Idempotent-Replayed"]) == (202, "true")
+    assert retry.json() == first["answer"].json()
 
 
 def _without(field: str) -> dict[str, Any]:
@@ -273,3 +304,21 @@ def test_strategy_submission_has_its_own_answer_shape(alpha: httpx.Client) -> No
     assert (answer.status_code, body["status"], body["strategy_pool_name"]) == (202, "strategy_submitted", "core")
     status = alpha.get(f"/signals/status/{body['submission_id']}").json()
     assert (status["signal_pool_name"], status["strategy_pool_name"]) == (None, "core")
+
+
+def test_claims_of_a_finished_request_cannot_hold_a_key_again() -> None:
+    from tallowmere.service.errors import ServiceError
+    from tallowmere.service.idempotency import InFlightKeys, RequestClaims
+
+    registry = InFlightKeys()
+    with RequestClaims(registry) as first:
+        first.claim("owner", "key")
+        first.claim("owner", "key")  # the same request may name a key twice
+        with pytest.raises(ServiceError) as refused, RequestClaims(registry) as second:
+            second.claim("owner", "key")
+        assert refused.value.reason == "idempotency_key_in_flight"
+    # A work thread still judging the body of a cancelled request must not keep the key held.
+    with pytest.raises(ServiceError) as late:
+        first.claim("owner", "key")
+    assert late.value.reason == "request_abandoned"
+    assert registry.held_count() == 0

@@ -25,7 +25,7 @@ import importlib
 from typing import TYPE_CHECKING
 
 if TYPE_CHECKING:
-    from tallowmere.service.config import EvaluationPolicy, LifecycleTimings, ServiceConfig
+    from tallowmere.service.config import EvaluationPolicy, LifecycleTimings, ServiceConfig, ServiceLimits
     from tallowmere.service.runner import RunningService, run_service
     from tallowmere.service.runtime import ServiceRuntime
 
@@ -34,6 +34,7 @@ __all__ = [
     "LifecycleTimings",
     "RunningService",
     "ServiceConfig",
+    "ServiceLimits",
     "ServiceRuntime",
     "run_service",
 ]
@@ -43,6 +44,7 @@ _LAZY_EXPORTS: dict[str, str] = {
     "EvaluationPolicy": "tallowmere.service.config",
     "LifecycleTimings": "tallowmere.service.config",
     "ServiceConfig": "tallowmere.service.config",
+    "ServiceLimits": "tallowmere.service.config",
     "RunningService": "tallowmere.service.runner",
     "run_service": "tallowmere.service.runner",
     "ServiceRuntime": "tallowmere.service.runtime",

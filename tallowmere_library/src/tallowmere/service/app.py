@@ -1,41 +1,55 @@
 """The ASGI application: routes, error answers and the middleware stack.
 
-Layers, outermost first: scripted faults (only with ``--faults``), bearer
-authentication, the release of idempotency keys once an answer is sent, and
-the routes. Every answer is strict JSON.
+Layers, outermost first: the last-resort 500 answer, scripted faults (only
+with ``--faults``), the header checks, bearer authentication, and the routes.
+Every answer is strict JSON. Route handlers only move bytes on the event
+loop: parsing, validation, database reads and the rendering of large answers
+run on the work pool's threads, writes on the store's writer thread.
 """
 
 from __future__ import annotations
 
+import asyncio
+import base64
+import binascii
+import re
+import sqlite3
 from collections.abc import Sequence
 from dataclasses import dataclass
 from datetime import UTC, datetime
 from typing import Final
 
 from starlette.applications import Starlette
-from starlette.concurrency import run_in_threadpool
 from starlette.exceptions import HTTPException
 from starlette.middleware import Middleware
 from starlette.requests import Request
-from starlette.responses import JSONResponse, Response
+from starlette.responses import Response
 from starlette.routing import BaseRoute, Route
 
 from tallowmere.service.auth import OWNER_SCOPE_KEY, BearerAuthMiddleware, TokenRegistry
-from tallowmere.service.bodies import read_json_object
+from tallowmere.service.bodies import BodyReader
 from tallowmere.service.catalog import EraCatalog
-from tallowmere.service.config import MAX_BATCH_ITEMS
-from tallowmere.service.errors import ServiceError, error_response, json_response, refusal
+from tallowmere.service.config import MAX_REQUEST_BYTES, MAX_SUBMISSION_BYTES
+from tallowmere.service.errors import ServiceError, error_response, json_response, refusal, rendered_response
 from tallowmere.service.faults import FaultInjectionMiddleware, FaultPlan, fault_control_routes
-from tallowmere.service.idempotency import CLAIMS_SCOPE_KEY, ClaimReleaseMiddleware, InFlightKeys, RequestClaims
+from tallowmere.service.guards import IDEMPOTENCY_HEADER_SCOPE_KEY, HeaderGuardMiddleware, InternalErrorMiddleware
+from tallowmere.service.idempotency import MAX_KEY_LENGTH
 from tallowmere.service.intake import Answer, SubmissionIntake
-from tallowmere.service.jsonio import JSONObject
+from tallowmere.service.jsonio import JSONObject, echo, render_json
 from tallowmere.service.lifecycle import ALL_STATUSES, SubmissionKind
-from tallowmere.service.storage import SubmissionStore
+from tallowmere.service.storage import ListingPage, StorageClosedError, SubmissionStore
+from tallowmere.service.threads import WorkPool
 
 DEFAULT_LIST_LIMIT: Final = 100
 MAX_LIST_LIMIT: Final = 1000
-LIST_PARAMETERS: Final = frozenset({"status", "idempotency_key", "since", "limit"})
+LIST_PARAMETERS: Final = frozenset({"status", "idempotency_key", "since", "limit", "cursor"})
 REPLAY_HEADER: Final = "Idempotent-Replayed"
+MAX_SINCE_CHARACTERS: Final = 64
+MAX_CURSOR_CHARACTERS: Final = 64
+RETRY_AFTER_SECONDS: Final = 1
+
+_LIMIT_TEXT: Final = re.compile(r"[0-9]{1,4}")
+_CURSOR_PREFIX: Final = b"before:"
 
 
 @dataclass(frozen=True, slots=True)
@@ -45,7 +59,9 @@ class ServiceParts:
     catalog: EraCatalog
     store: SubmissionStore
     intake: SubmissionIntake
-    in_flight: InFlightKeys
+    pool: WorkPool
+    bodies: BodyReader
+    submission_slots: asyncio.Semaphore
     tokens: TokenRegistry
     fault_plan: FaultPlan | None
 
@@ -55,12 +71,7 @@ def _owner(request: Request) -> str:
     return owner
 
 
-def _claims(request: Request) -> RequestClaims:
-    claims: RequestClaims = request.scope[CLAIMS_SCOPE_KEY]
-    return claims
-
-
-def _answer_response(answer: Answer) -> JSONResponse:
+def _answer_response(answer: Answer) -> Response:
     headers = {REPLAY_HEADER: "true"} if answer.replayed else None
     return json_response(answer.status_code, answer.body, headers)
 
@@ -78,13 +89,16 @@ def batch_status_code(status_codes: Sequence[int]) -> int:
 
 def parse_since(value: str) -> float:
     """Return the epoch time of an ISO-8601 timestamp (UTC when it names no offset)."""
+    problem = {"since": "must be an ISO-8601 timestamp, e.g. 2025-01-31T12:00:00Z"}
+    if len(value) > MAX_SINCE_CHARACTERS:
+        raise refusal("invalid_query", problem)
     try:
         moment = datetime.fromisoformat(value.strip())
-    except ValueError:
-        raise refusal("invalid_query", {"since": "must be an ISO-8601 timestamp, e.g. 2025-01-31T12:00:00Z"}) from None
-    if moment.tzinfo is None:
-        moment = moment.replace(tzinfo=UTC)
-    return moment.timestamp()
+        if moment.tzinfo is None:
+            moment = moment.replace(tzinfo=UTC)
+        return moment.timestamp()
+    except (ValueError, OverflowError, OSError):
+        raise refusal("invalid_query", problem) from None
 
 
 def parse_limit(value: str | None) -> int:
@@ -92,9 +106,36 @@ def parse_limit(value: str | None) -> int:
     if value is None:
         return DEFAULT_LIST_LIMIT
     text = value.strip()
-    if not text.isdigit() or not 1 <= int(text) <= MAX_LIST_LIMIT:
+    if not _LIMIT_TEXT.fullmatch(text) or not 1 <= int(text) <= MAX_LIST_LIMIT:
         raise refusal("invalid_query", {"limit": f"must be an integer from 1 to {MAX_LIST_LIMIT}"})
     return int(text)
+
+
+def encode_cursor(before: int) -> str:
+    """Return the opaque ``next_cursor`` that continues a listing below the stored position ``before``."""
+    return base64.urlsafe_b64encode(_CURSOR_PREFIX + str(before).encode("ascii")).decode("ascii").rstrip("=")
+
+
+def decode_cursor(cursor: str) -> int:
+    """Return the stored position a ``cursor`` continues from; refuse one this service did not give."""
+    problem = refusal("invalid_query", {"cursor": "must be a next_cursor from an earlier listing"})
+    if not cursor or len(cursor) > MAX_CURSOR_CHARACTERS or not cursor.isascii():
+        raise problem
+    try:
+        decoded = base64.urlsafe_b64decode(cursor + "=" * (-len(cursor) % 4))
+    except (binascii.Error, ValueError):
+        raise problem from None
+    position = decoded.removeprefix(_CURSOR_PREFIX)
+    if position == decoded or not position.isdigit() or len(position) > 19:
+        raise problem
+    return int(position)
+
+
+def render_page(page: ListingPage) -> bytes:
+    """Render one listing page: ``{"submissions": [...], "count": n, "next_cursor": str | null}``."""
+    submissions = [status.listing_body() for status in page.submissions]
+    next_cursor = None if page.next_before is None else encode_cursor(page.next_before)
+    return render_json({"submissions": submissions, "count": len(submissions), "next_cursor": next_cursor})
 
 
 class Routes:
@@ -103,38 +144,32 @@ class Routes:
     def __init__(self, parts: ServiceParts) -> None:
         """Serve from ``parts``."""
         self.parts = parts
+        self._eras_body = render_json(parts.catalog.document)
 
-    async def eras(self, request: Request) -> JSONResponse:
+    async def eras(self, request: Request) -> Response:
         """``GET /eras``: the era catalog."""
-        return json_response(200, self.parts.catalog.document)
+        return rendered_response(200, self._eras_body)
 
-    async def submit_signal(self, request: Request) -> JSONResponse:
+    async def submit_signal(self, request: Request) -> Response:
         """``POST /signals/submit``: accept one signal (202) or refuse it."""
         return await self._submit("signal", request)
 
-    async def submit_strategy(self, request: Request) -> JSONResponse:
+    async def submit_strategy(self, request: Request) -> Response:
         """``POST /strategies/submit``: accept one strategy (202) or refuse it."""
         return await self._submit("strategy", request)
 
-    async def _submit(self, kind: SubmissionKind, request: Request) -> JSONResponse:
-        body = await read_json_object(request)
-        header_key = request.headers.get("idempotency-key")
-        answer = await self.parts.intake.submit(kind, _owner(request), body, header_key, _claims(request))
+    async def _submit(self, kind: SubmissionKind, request: Request) -> Response:
+        header_key: str | None = request.scope.get(IDEMPOTENCY_HEADER_SCOPE_KEY)
+        async with self.parts.bodies.read(request, max_bytes=MAX_SUBMISSION_BYTES) as raw:
+            async with self.parts.submission_slots:
+                answer = await self.parts.intake.submit(kind, _owner(request), raw, header_key)
         return _answer_response(answer)
 
-    async def submit_batch(self, request: Request) -> JSONResponse:
+    async def submit_batch(self, request: Request) -> Response:
         """``POST /signals/batch``: judge each of up to 100 signals on its own."""
-        document = await read_json_object(request)
-        signals = document.get("signals")
-        unknown = sorted(key for key in document if key != "signals")
-        if not isinstance(signals, list) or unknown:
-            details: JSONObject = {"message": 'the body must be {"signals": [signal, ...]}'}
-            if unknown:
-                details["unknown"] = unknown
-            raise refusal("malformed_body", details)
-        if len(signals) > MAX_BATCH_ITEMS:
-            raise ServiceError(413, "batch_too_large", {"count": len(signals), "max_items": MAX_BATCH_ITEMS})
-        answers = await self.parts.intake.submit_batch(_owner(request), signals, _claims(request))
+        async with self.parts.bodies.read(request, max_bytes=MAX_REQUEST_BYTES) as raw:
+            async with self.parts.submission_slots:
+                answers = await self.parts.intake.submit_batch(_owner(request), raw)
         results = [
             {"index": index, "status_code": answer.status_code, "body": answer.body}
             for index, answer in enumerate(answers)
@@ -146,34 +181,51 @@ class Routes:
             body["reason"] = "all_items_refused"
         return json_response(status_code, body)
 
-    async def status(self, request: Request) -> JSONResponse:
+    async def status(self, request: Request) -> Response:
         """``GET /signals/status/{id}``: the caller's submission, or 404."""
         submission_id: str = request.path_params["submission_id"]
-        record = await run_in_threadpool(self.parts.store.get, submission_id)
-        if record is None or record.owner != _owner(request):
-            return json_response(404, {"error": "unknown submission"})
-        return json_response(200, record.status_body())
+        owner = _owner(request)
 
-    async def submissions(self, request: Request) -> JSONResponse:
-        """``GET /signals/submissions``: the caller's submissions, newest first."""
-        query = request.query_params
-        unknown = sorted(set(query.keys()) - LIST_PARAMETERS)
+        def answer() -> tuple[int, bytes]:
+            status = self.parts.store.status_of(submission_id)
+            if status is None or status.owner != owner:
+                return 404, render_json({"error": "unknown submission"})
+            return 200, render_json(status.status_body())
+
+        status_code, content = await self.parts.pool.run(answer)
+        return rendered_response(status_code, content)
+
+    async def submissions(self, request: Request) -> Response:
+        """``GET /signals/submissions``: the caller's submissions, newest first, a page at a time."""
+        pairs = request.query_params.multi_items()
+        names = [name for name, _ in pairs]
+        unknown = sorted({echo(name) for name in names} - LIST_PARAMETERS)
         if unknown:
-            raise refusal("invalid_query", {"unknown": unknown, "allowed": sorted(LIST_PARAMETERS)})
+            raise refusal("invalid_query", {"unknown": unknown[:20], "allowed": sorted(LIST_PARAMETERS)})
+        repeated = sorted({name for name in names if names.count(name) > 1})
+        if repeated:
+            raise refusal("invalid_query", {"repeated": repeated, "message": "give each parameter at most once"})
+        query = dict(pairs)
         status = query.get("status")
         if status is not None and status not in ALL_STATUSES:
-            raise refusal("invalid_query", {"status": f"unknown status {status!r}", "allowed": sorted(ALL_STATUSES)})
+            raise refusal("invalid_query", {"status": f"unknown status {echo(status)!r}", "allowed": sorted(ALL_STATUSES)})
         since_text = query.get("since")
         since = None if since_text is None else parse_since(since_text)
         limit = parse_limit(query.get("limit"))
+        cursor = query.get("cursor")
+        before = None if cursor is None else decode_cursor(cursor)
         idempotency_key = query.get("idempotency_key")
+        if idempotency_key is not None and len(idempotency_key) > MAX_KEY_LENGTH:
+            raise refusal("invalid_query", {"idempotency_key": f"must be at most {MAX_KEY_LENGTH} characters"})
         owner = _owner(request)
-        records = await run_in_threadpool(
-            lambda: self.parts.store.list_for_owner(
-                owner, status=status, idempotency_key=idempotency_key, since=since, limit=limit
+
+        def page() -> bytes:
+            listed = self.parts.store.list_for_owner(
+                owner, status=status, idempotency_key=idempotency_key, since=since, before=before, limit=limit
             )
-        )
-        return json_response(200, {"submissions": [record.status_body() for record in records], "count": len(records)})
+            return render_page(listed)
+
+        return rendered_response(200, await self.parts.pool.run(page))
 
 
 async def _service_error(request: Request, exc: Exception) -> Response:
@@ -181,17 +233,24 @@ async def _service_error(request: Request, exc: Exception) -> Response:
     return error_response(exc)
 
 
+async def _storage_unavailable(request: Request, exc: Exception) -> Response:
+    # A lock that another process keeps on the database, a full disk, an I/O
+    # error, or a store that is closing: the request may succeed later.
+    if isinstance(exc, StorageClosedError):
+        refused = ServiceError(503, "shutting_down", {"message": "the service is stopping"}, retry_after=RETRY_AFTER_SECONDS)
+    else:
+        details = {"message": f"the database is unavailable: {exc}"}
+        refused = ServiceError(503, "storage_unavailable", details, retry_after=RETRY_AFTER_SECONDS)
+    return error_response(refused)
+
+
 async def _http_error(request: Request, exc: Exception) -> Response:
     assert isinstance(exc, HTTPException)
     if exc.status_code == 404:
-        return json_response(404, {"error": "not found", "path": request.url.path})
+        return json_response(404, {"error": "not found", "path": echo(request.url.path)})
     if exc.status_code == 405:
-        return json_response(405, {"error": "method not allowed", "path": request.url.path})
-    return json_response(exc.status_code, {"error": str(exc.detail)})
-
-
-async def _internal_error(request: Request, exc: Exception) -> Response:
-    return json_response(500, {"error": "internal server error"})
+        return json_response(405, {"error": "method not allowed", "path": echo(request.url.path)})
+    return json_response(exc.status_code, {"error": echo(exc.detail)})
 
 
 def create_app(parts: ServiceParts) -> Starlette:
@@ -205,14 +264,19 @@ def create_app(parts: ServiceParts) -> Starlette:
         Route("/signals/status/{submission_id:path}", routes.status, methods=["GET"]),
         Route("/signals/submissions", routes.submissions, methods=["GET"]),
     ]
-    middleware: list[Middleware] = []
+    middleware: list[Middleware] = [Middleware(InternalErrorMiddleware)]
     if parts.fault_plan is not None:
         table.extend(fault_control_routes(parts.fault_plan))
         middleware.append(Middleware(FaultInjectionMiddleware, plan=parts.fault_plan))
+    middleware.append(Middleware(HeaderGuardMiddleware))
     middleware.append(Middleware(BearerAuthMiddleware, registry=parts.tokens))
-    middleware.append(Middleware(ClaimReleaseMiddleware, registry=parts.in_flight))
     return Starlette(
         routes=table,
         middleware=middleware,
-        exception_handlers={ServiceError: _service_error, HTTPException: _http_error, Exception: _internal_error},
+        exception_handlers={
+            ServiceError: _service_error,
+            HTTPException: _http_error,
+            sqlite3.OperationalError: _storage_unavailable,
+            StorageClosedError: _storage_unavailable,
+        },
     )

@@ -91,8 +91,11 @@ def run_serve(args: argparse.Namespace) -> int:
         print(f"tallowmere serve: cannot listen on {args.host}:{args.port}: {exc.strerror or exc}", file=sys.stderr)
         return 2
     url = base_url_of(sock)
-    print(url, flush=True)
-    if args.ready_file is not None:
-        _write_atomically(args.ready_file, url + "\n")
-    serve_forever(runtime, sock, log_level=args.log_level)
+
+    def announce() -> None:
+        print(url, flush=True)
+        if args.ready_file is not None:
+            _write_atomically(args.ready_file, url + "\n")
+
+    serve_forever(runtime, sock, log_level=args.log_level, announce=announce)
     return 0

@@ -1,7 +1,8 @@
 """The service's refusals and the JSON bodies that carry them.
 
 A refusal of a request's content is answered ``{"reason": <short code>,
-"details": {...}}``; authentication failures are answered ``{"error":
+"details": {...}}`` (so are the 503 answers of a database that another
+process keeps locked); authentication failures are answered ``{"error":
 "unauthorized", "reason": ...}``; unknown routes and submissions are answered
 ``{"error": ...}``.
 """
@@ -11,9 +12,11 @@ from __future__ import annotations
 from collections.abc import Mapping
 from typing import Any
 
-from starlette.responses import JSONResponse
+from starlette.responses import Response
 
-from tallowmere.service.jsonio import JSONObject
+from tallowmere.service.jsonio import JSONObject, render_json
+
+JSON_MEDIA_TYPE = "application/json"
 
 
 class ServiceError(Exception):
@@ -23,11 +26,19 @@ class ServiceError(Exception):
     exactly was wrong; both are sent to the caller.
     """
 
-    def __init__(self, status_code: int, reason: str, details: Mapping[str, Any] | None = None) -> None:
+    def __init__(
+        self,
+        status_code: int,
+        reason: str,
+        details: Mapping[str, Any] | None = None,
+        *,
+        retry_after: int | None = None,
+    ) -> None:
         super().__init__(f"{status_code} {reason}: {dict(details or {})}")
         self.status_code = status_code
         self.reason = reason
         self.details: JSONObject = dict(details or {})
+        self.retry_after = retry_after
 
     def body(self) -> JSONObject:
         """Return the JSON body of this refusal."""
@@ -39,11 +50,17 @@ def refusal(reason: str, details: Mapping[str, Any] | None = None) -> ServiceErr
     return ServiceError(422, reason, details)
 
 
-def json_response(status_code: int, body: JSONObject, headers: Mapping[str, str] | None = None) -> JSONResponse:
+def json_response(status_code: int, body: JSONObject, headers: Mapping[str, str] | None = None) -> Response:
     """Return a strict-JSON response (NaN and bare infinities cannot be encoded)."""
-    return JSONResponse(body, status_code=status_code, headers=dict(headers or {}))
+    return rendered_response(status_code, render_json(body), headers)
 
 
-def error_response(exc: ServiceError) -> JSONResponse:
-    """Return the response that answers ``exc``."""
-    return json_response(exc.status_code, exc.body())
+def rendered_response(status_code: int, content: bytes, headers: Mapping[str, str] | None = None) -> Response:
+    """Return a response carrying JSON already rendered (by `render_json`, perhaps on a work thread)."""
+    return Response(content, status_code=status_code, headers=dict(headers or {}), media_type=JSON_MEDIA_TYPE)
+
+
+def error_response(exc: ServiceError) -> Response:
+    """Return the response that answers ``exc`` (with ``Retry-After`` when it names one)."""
+    headers = {"Retry-After": str(exc.retry_after)} if exc.retry_after is not None else None
+    return json_response(exc.status_code, exc.body(), headers)

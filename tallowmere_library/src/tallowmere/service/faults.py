@@ -22,7 +22,8 @@ Faults (the request is not processed unless the entry says so):
 ``"drop_after"``    the request is processed, then the connection is closed
                     without an answer (the caller cannot know it succeeded)
 ``"delay:<s>"``     the request is processed and answered after ``s`` seconds
-                    (0 < s <= 60); its idempotency key stays held meanwhile
+                    (0 < s <= 60); a retry meanwhile is answered from the
+                    stored submission (its key is free once it is stored)
 ``"malformed_json"`` 200 with a truncated JSON body
 ==================  ===========================================================
 
@@ -40,12 +41,11 @@ from dataclasses import dataclass
 from typing import Any, Final
 
 from starlette.requests import Request
-from starlette.responses import JSONResponse, Response
+from starlette.responses import Response
 from starlette.routing import Route
 from starlette.types import ASGIApp, Message, Receive, Scope, Send
-from uvicorn.protocols.http.h11_impl import H11Protocol
-
-from tallowmere.service.bodies import read_json_object
+from tallowmere.service.bodies import read_small_json_object
+from tallowmere.service.connections import BoundedHttpProtocol
 from tallowmere.service.errors import json_response, refusal
 from tallowmere.service.jsonio import JSONObject
 
@@ -155,8 +155,8 @@ class FaultPlan:
 _OPEN_CONNECTIONS: dict[tuple[Any, Any], asyncio.Transport] = {}
 
 
-class ConnectionTrackingH11Protocol(H11Protocol):
-    """uvicorn's h11 protocol, remembering each open connection so that a fault can close it."""
+class ConnectionTrackingHttpProtocol(BoundedHttpProtocol):
+    """The service's HTTP protocol, remembering each open connection so that a fault can close it."""
 
     def connection_made(self, transport: asyncio.Transport) -> None:  # type: ignore[override]
         """Register the new connection (uvicorn's own protocol types it as a stream transport too)."""
@@ -173,7 +173,7 @@ async def _close_connection(scope: Scope) -> None:
     server, client = scope.get("server"), scope.get("client")
     transport = _OPEN_CONNECTIONS.get((tuple(server) if server else None, tuple(client) if client else None))
     if transport is None:
-        raise RuntimeError("this connection is not tracked; serve with ConnectionTrackingH11Protocol to drop it")
+        raise RuntimeError("this connection is not tracked; serve with ConnectionTrackingHttpProtocol to drop it")
     transport.close()
     # Let the protocol see the connection go before the application returns,
     # so the server does not try to answer on it.
@@ -237,7 +237,7 @@ def _delayed(send: Send, seconds: float) -> Send:
 def fault_control_routes(plan: FaultPlan) -> list[Route]:
     """Return the routes of ``/_faults``: POST queues a script, GET shows the queues, DELETE empties them."""
 
-    async def control(request: Request) -> JSONResponse:
+    async def control(request: Request) -> Response:
         if request.method == "GET":
             return json_response(200, {"pending": plan.pending()})
         if request.method == "DELETE":
@@ -250,7 +250,7 @@ def fault_control_routes(plan: FaultPlan) -> list[Route]:
 
 
 async def _read_script(request: Request) -> tuple[str, list[Fault]]:
-    document = await read_json_object(request)
+    document = await read_small_json_object(request)
     route = document.get("route")
     entries = document.get("faults")
     problems: JSONObject = {}

@@ -9,27 +9,28 @@ The rules, per owner:
   matter) is answered with the original status and body, and nothing new is
   created;
 - the same key with a different body is refused (422 ``idempotency_key_reused``);
-- while a request holding a key is still being answered, another request with
-  that key is refused (409 ``idempotency_key_in_flight``); the key is held
-  until the first answer has been sent, so a retry never races the original;
+- while a request holding a key is still being processed, another request
+  with that key is refused (409 ``idempotency_key_in_flight``); the key is
+  held from before the lookup of bound keys until the new submission is
+  durably written (or refused), so from then on a retry is answered from the
+  stored record, even while the first answer is still on its way;
 - only accepted submissions bind a key: a refused body leaves the key free.
 """
 
 from __future__ import annotations
 
+import hashlib
 import itertools
 import threading
 from collections.abc import Mapping
+from types import TracebackType
 from typing import Any, Final
 
-from starlette.types import ASGIApp, Receive, Scope, Send
-
 from tallowmere.service.errors import ServiceError, refusal
-from tallowmere.service.jsonio import canonical_fingerprint
+from tallowmere.service.jsonio import echo
 from tallowmere.service.lifecycle import SubmissionKind
 
 MAX_KEY_LENGTH: Final = 255
-CLAIMS_SCOPE_KEY: Final = "tallowmere.claims"
 
 
 def body_idempotency_key(body: Mapping[str, Any]) -> str:
@@ -50,39 +51,62 @@ def body_idempotency_key(body: Mapping[str, Any]) -> str:
 def check_header_matches(header_key: str | None, body_key: str) -> None:
     """Refuse a request whose ``Idempotency-Key`` header differs from its body's key."""
     if header_key is not None and header_key != body_key:
-        raise refusal("idempotency_key_mismatch", {"header": header_key, "body": body_key})
+        raise refusal("idempotency_key_mismatch", {"header": echo(header_key), "body": echo(body_key)})
 
 
-def submission_fingerprint(kind: SubmissionKind, body: Mapping[str, Any]) -> str:
-    """Return the fingerprint that tells a replay (same body) from a reused key."""
-    return canonical_fingerprint({"kind": kind, "body": body})
+def submission_fingerprint(kind: SubmissionKind, canonical_body: bytes) -> str:
+    """Return the fingerprint that tells a replay (same body) from a reused key.
+
+    It is the SHA-256 of the canonical JSON of ``{"kind": kind, "body": body}``,
+    assembled from the body's own canonical JSON (``canonical_body``), which
+    the caller has made already.
+    """
+    digest = hashlib.sha256(b'{"body":')
+    digest.update(canonical_body)
+    digest.update(b',"kind":"' + kind.encode("ascii") + b'"}')
+    return digest.hexdigest()
 
 
 class InFlightKeys:
-    """The (owner, key) pairs held by requests that have not been answered yet."""
+    """The (owner, key) pairs held by requests still being processed."""
 
     def __init__(self) -> None:
         """Start with no key held."""
         self._lock = threading.Lock()
         self._holders: dict[tuple[str, str], int] = {}
+        self._held_by: dict[int, list[tuple[str, str]]] = {}
         self._holder_ids = itertools.count(1)
 
     def new_holder(self) -> int:
         """Return a fresh holder identity for one request."""
-        return next(self._holder_ids)
+        holder = next(self._holder_ids)
+        with self._lock:
+            self._held_by[holder] = []
+        return holder
 
     def claim(self, owner: str, key: str, holder: int) -> None:
-        """Hold (owner, key) for ``holder``; raise 409 when another request holds it."""
+        """Hold (owner, key) for ``holder``; raise 409 when another request holds it.
+
+        A holder that released its keys already (its request was cancelled
+        while a work thread still judged its body) claims nothing more.
+        """
+        pair = (owner, key)
         with self._lock:
-            current = self._holders.setdefault((owner, key), holder)
+            held = self._held_by.get(holder)
+            if held is None:
+                raise ServiceError(503, "request_abandoned", {"message": "the request was cancelled"})
+            current = self._holders.setdefault(pair, holder)
+            if current == holder:
+                held.append(pair)
         if current != holder:
-            raise ServiceError(409, "idempotency_key_in_flight", {"idempotency_key": key})
+            raise ServiceError(409, "idempotency_key_in_flight", {"idempotency_key": echo(key)})
 
     def release_all(self, holder: int) -> None:
-        """Release every key that ``holder`` holds."""
+        """Release every key that ``holder`` holds; it can claim none afterwards."""
         with self._lock:
-            for pair in [pair for pair, current in self._holders.items() if current == holder]:
-                del self._holders[pair]
+            for pair in self._held_by.pop(holder, ()):
+                if self._holders.get(pair) == holder:
+                    del self._holders[pair]
 
     def held_count(self) -> int:
         """Return how many keys are held now."""
@@ -91,7 +115,7 @@ class InFlightKeys:
 
 
 class RequestClaims:
-    """The keys one request holds; released when its answer has been sent."""
+    """The keys one request holds; a context manager that releases them all on exit."""
 
     def __init__(self, registry: InFlightKeys) -> None:
         """Create the claims of one request in ``registry``."""
@@ -106,28 +130,10 @@ class RequestClaims:
         """Release every key this request holds."""
         self._registry.release_all(self._holder)
 
+    def __enter__(self) -> RequestClaims:
+        return self
 
-class ClaimReleaseMiddleware:
-    """Give each request a `RequestClaims` and release it once the request is fully answered.
-
-    It sits outside the routes, so the release happens only after the last
-    byte of the answer was handed to the server, including any delay added by
-    an outer layer.
-    """
-
-    def __init__(self, app: ASGIApp, registry: InFlightKeys) -> None:
-        """Wrap ``app`` with claims kept in ``registry``."""
-        self.app = app
-        self.registry = registry
-
-    async def __call__(self, scope: Scope, receive: Receive, send: Send) -> None:
-        """Run one request with its own claims."""
-        if scope["type"] != "http":
-            await self.app(scope, receive, send)
-            return
-        claims = RequestClaims(self.registry)
-        scope[CLAIMS_SCOPE_KEY] = claims
-        try:
-            await self.app(scope, receive, send)
-        finally:
-            claims.release()
+    def __exit__(
+        self, kind: type[BaseException] | None, error: BaseException | None, traceback: TracebackType | None
+    ) -> None:
+        self.release()

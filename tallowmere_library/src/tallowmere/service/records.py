@@ -27,9 +27,13 @@ OUTCOME_KEYS: Final = (
 INTERNAL_OUTCOME_KEYS: Final = ("correlation", "is_weights_mi", "os_stats")
 """Figures published beside the public ones; the client hides ``correlation`` and ``is_weights_mi``."""
 
+HIDDEN_KEYS: Final = ("correlation", "is_weights_mi")
+"""Keys of a status answer that the client hides from its users; listings leave them out."""
+
 def iso_timestamp(epoch_seconds: float) -> str:
     """Return ``epoch_seconds`` as an ISO-8601 UTC timestamp with microseconds, e.g. ``2025-01-02T03:04:05.000006Z``."""
-    return datetime.fromtimestamp(epoch_seconds, tz=UTC).strftime("%Y-%m-%dT%H:%M:%S.%fZ")
+    # isoformat ends in "+00:00" for a UTC time; it is several times cheaper than strftime.
+    return datetime.fromtimestamp(epoch_seconds, tz=UTC).isoformat(timespec="microseconds")[:-6] + "Z"
 
 
 def public_metric(value: Any) -> Any:
@@ -70,6 +74,27 @@ class SubmissionRecord:
     next_action_at: float | None
     outcome: JSONObject = field(default_factory=dict)
     history: list[JSONObject] = field(default_factory=list)
+    request_json: str | None = None
+    """``request`` as JSON text, when the caller has it already (else it is encoded when stored)."""
+
+
+@dataclass(frozen=True, slots=True)
+class SubmissionStatus:
+    """What the status and listing answers show of one submission (never its request body)."""
+
+    submission_id: str
+    owner: str
+    kind: SubmissionKind
+    idempotency_key: str
+    pool_name: str
+    named_universe: str
+    market_id: int
+    era_number: int
+    status: str
+    created_at: float
+    updated_at: float
+    outcome: JSONObject
+    history: list[JSONObject]
 
     def status_body(self) -> JSONObject:
         """Return the body of ``GET /signals/status/<id>`` for this submission (strict JSON)."""
@@ -96,4 +121,11 @@ class SubmissionRecord:
                 "history": [dict(step) for step in self.history],
             }
         )
+        return body
+
+    def listing_body(self) -> JSONObject:
+        """Return this submission as ``GET /signals/submissions`` lists it: its status body without `HIDDEN_KEYS`."""
+        body = self.status_body()
+        for key in HIDDEN_KEYS:
+            del body[key]
         return body

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import signal
 import socket
+import sys
 import threading
 import time
 from collections.abc import Callable, Iterator, Mapping, Sequence
@@ -15,9 +16,10 @@ from typing import Any
 import uvicorn
 
 from tallowmere.service.catalog import load_catalog_file
-from tallowmere.service.config import EvaluationPolicy, LifecycleTimings, ServiceConfig
+from tallowmere.service.config import EvaluationPolicy, LifecycleTimings, ServiceConfig, ServiceLimits
+from tallowmere.service.connections import BoundedHttpProtocol, ServerSettings
 from tallowmere.service.evaluation import Resimulator, simulator_resimulation
-from tallowmere.service.faults import ConnectionTrackingH11Protocol
+from tallowmere.service.faults import ConnectionTrackingHttpProtocol
 from tallowmere.service.runtime import ServiceRuntime
 
 STARTUP_TIMEOUT_SECONDS = 30.0
@@ -67,16 +69,30 @@ def base_url_of(sock: socket.socket) -> str:
 
 
 def uvicorn_server(runtime: ServiceRuntime, *, log_level: str = "warning") -> uvicorn.Server:
-    """Return a uvicorn server for ``runtime``'s application (connection tracking when faults are on)."""
-    config = uvicorn.Config(
+    """Return a uvicorn server for ``runtime``'s application, bounded by its limits
+    (and tracking connections when faults are on)."""
+    config = ServerSettings(
         runtime.app,
-        http=ConnectionTrackingH11Protocol if runtime.config.faults else "h11",
+        limits=runtime.config.limits,
+        http=ConnectionTrackingHttpProtocol if runtime.config.faults else BoundedHttpProtocol,
         lifespan="off",
+        proxy_headers=False,
         log_level=log_level,
         access_log=False,
         timeout_graceful_shutdown=GRACEFUL_SHUTDOWN_SECONDS,
     )
     return uvicorn.Server(config)
+
+
+@contextmanager
+def switch_interval(seconds: float) -> Iterator[None]:
+    """Set the interpreter's thread switch interval for the duration of the block, then restore it."""
+    previous = sys.getswitchinterval()
+    sys.setswitchinterval(seconds)
+    try:
+        yield
+    finally:
+        sys.setswitchinterval(previous)
 
 
 def resolve_eras(eras: Mapping[str, Any] | str | Path | None) -> dict[str, Any] | None:
@@ -100,6 +116,7 @@ def run_service(
     port: int = 0,
     timings: LifecycleTimings | None = None,
     policy: EvaluationPolicy | None = None,
+    limits: ServiceLimits | None = None,
     resimulator: Resimulator = simulator_resimulation,
     clock: Callable[[], float] = time.time,
 ) -> Iterator[RunningService]:
@@ -117,6 +134,7 @@ def run_service(
         faults=faults,
         timings=timings or LifecycleTimings(),
         policy=policy or EvaluationPolicy(),
+        limits=limits or ServiceLimits(),
     )
     runtime = ServiceRuntime(config, resimulator=resimulator, clock=clock)
     try:
@@ -126,38 +144,48 @@ def run_service(
         raise
     server = uvicorn_server(runtime)
     thread = threading.Thread(target=server.run, kwargs={"sockets": [sock]}, name="tallowmere-service", daemon=True)
-    try:
-        runtime.start()
-        thread.start()
-        deadline = time.monotonic() + STARTUP_TIMEOUT_SECONDS
-        while not server.started:
-            if not thread.is_alive() or time.monotonic() > deadline:
-                raise RuntimeError("the service did not start; see the log for uvicorn's error")
-            time.sleep(0.005)
-        bound_port = sock.getsockname()[1]
-        yield RunningService(
-            base_url=base_url_of(sock),
-            host=host,
-            port=bound_port,
-            tokens=tuple(config.tokens),
-            db_path=config.db_path,
-            runtime=runtime,
-        )
-    finally:
-        server.should_exit = True
-        if thread.is_alive():
-            thread.join(GRACEFUL_SHUTDOWN_SECONDS + 10)
-        runtime.close()
-        sock.close()
+    with switch_interval(config.limits.switch_interval):
+        try:
+            runtime.start()
+            thread.start()
+            deadline = time.monotonic() + STARTUP_TIMEOUT_SECONDS
+            while not server.started:
+                if not thread.is_alive() or time.monotonic() > deadline:
+                    raise RuntimeError("the service did not start; see the log for uvicorn's error")
+                time.sleep(0.005)
+            bound_port = sock.getsockname()[1]
+            yield RunningService(
+                base_url=base_url_of(sock),
+                host=host,
+                port=bound_port,
+                tokens=tuple(config.tokens),
+                db_path=config.db_path,
+                runtime=runtime,
+            )
+        finally:
+            server.should_exit = True
+            if thread.is_alive():
+                thread.join(GRACEFUL_SHUTDOWN_SECONDS + 10)
+            runtime.close()
+            sock.close()
 
 
-def serve_forever(runtime: ServiceRuntime, sock: socket.socket, *, log_level: str = "info") -> None:
+def serve_forever(
+    runtime: ServiceRuntime,
+    sock: socket.socket,
+    *,
+    log_level: str = "info",
+    announce: Callable[[], None] = lambda: None,
+) -> None:
     """Serve ``runtime`` on ``sock`` in this thread until SIGINT or SIGTERM, then stop everything and return.
 
     uvicorn turns the first SIGINT/SIGTERM into a graceful shutdown and then
     re-raises the signal; the handlers installed here absorb that re-raise
     (and stop a server that is signalled before uvicorn took over), so the
     worker is stopped and the database closed before the caller exits normally.
+    ``announce`` (which tells the world the URL) runs once those handlers
+    are in place, so that a signal sent as soon as the URL is known stops
+    the service cleanly.
     """
     server = uvicorn_server(runtime, log_level=log_level)
 
@@ -168,9 +196,11 @@ def serve_forever(runtime: ServiceRuntime, sock: socket.socket, *, log_level: st
     if threading.current_thread() is threading.main_thread():
         for stop_signal in (signal.SIGINT, signal.SIGTERM):
             previous[stop_signal] = signal.signal(stop_signal, stop)
-    runtime.start()
     try:
-        server.run(sockets=[sock])
+        announce()
+        runtime.start()
+        with switch_interval(runtime.config.limits.switch_interval):
+            server.run(sockets=[sock])
     finally:
         for stop_signal, handler in previous.items():
             signal.signal(stop_signal, handler)

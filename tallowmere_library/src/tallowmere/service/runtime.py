@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import asyncio
 import time
 from collections.abc import Callable
 
@@ -9,6 +10,7 @@ from starlette.applications import Starlette
 
 from tallowmere.service.app import ServiceParts, create_app
 from tallowmere.service.auth import TokenRegistry
+from tallowmere.service.bodies import BodyReader
 from tallowmere.service.catalog import EraCatalog, load_default_catalog
 from tallowmere.service.config import ServiceConfig
 from tallowmere.service.evaluation import Resimulator, simulator_resimulation
@@ -16,15 +18,17 @@ from tallowmere.service.faults import FaultPlan
 from tallowmere.service.idempotency import InFlightKeys
 from tallowmere.service.intake import SubmissionIntake
 from tallowmere.service.storage import SubmissionStore
+from tallowmere.service.threads import WorkPool
 from tallowmere.service.validation import SubmissionValidator
 from tallowmere.service.worker import LifecycleWorker
 
 
 class ServiceRuntime:
-    """The store, worker and application of one service instance.
+    """The store, threads, worker and application of one service instance.
 
-    Building it opens (or creates) the database; `start` starts the lifecycle
-    worker; `close` stops the worker and closes the database. The HTTP server
+    Building it opens (or creates) the database, which it keeps to itself
+    until `close`; `start` starts the lifecycle worker; `close` stops the
+    worker and the work threads and closes the database. The HTTP server
     that serves `app` is the caller's to run.
     """
 
@@ -37,20 +41,36 @@ class ServiceRuntime:
     ) -> None:
         """Build every part of the instance described by ``config``."""
         self.config = config
+        limits = config.limits
         self.catalog = EraCatalog(config.eras if config.eras is not None else load_default_catalog())
-        self.store = SubmissionStore(config.db_path)
+        # One read connection per work thread, one for the lifecycle worker.
+        self.store = SubmissionStore(
+            config.db_path,
+            read_connections=limits.work_threads + 1,
+            write_busy_timeout=limits.write_busy_timeout,
+            read_busy_timeout=limits.read_busy_timeout,
+        )
+        self.pool = WorkPool("tallowmere-work", max_threads=limits.work_threads, idle_seconds=limits.thread_idle_seconds)
         self.worker = LifecycleWorker(self.store, config, resimulator=resimulator, clock=clock)
         self.in_flight = InFlightKeys()
         self.fault_plan = FaultPlan() if config.faults else None
         self.intake = SubmissionIntake(
-            self.store, SubmissionValidator(self.catalog), config, on_accepted=self.worker.wake, clock=clock
+            self.store,
+            SubmissionValidator(self.catalog),
+            config,
+            self.pool,
+            self.in_flight,
+            on_accepted=self.worker.wake,
+            clock=clock,
         )
         self.app: Starlette = create_app(
             ServiceParts(
                 catalog=self.catalog,
                 store=self.store,
                 intake=self.intake,
-                in_flight=self.in_flight,
+                pool=self.pool,
+                bodies=BodyReader(limits.large_body_slots),
+                submission_slots=asyncio.Semaphore(limits.submission_slots),
                 tokens=TokenRegistry(config.tokens),
                 fault_plan=self.fault_plan,
             )
@@ -61,6 +81,7 @@ class ServiceRuntime:
         self.worker.start()
 
     def close(self) -> None:
-        """Stop the worker and close the database."""
+        """Stop the worker and the work threads, then close the database."""
         self.worker.stop()
+        self.pool.close()
         self.store.close()

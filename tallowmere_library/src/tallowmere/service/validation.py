@@ -6,8 +6,9 @@ order and the first failing one decides the reason:
 
 1. ``caller_thresholds_not_accepted``: the body carries ``thresholds`` or
    ``threshold_checks`` (thresholds come from the era, never from the caller);
-2. ``malformed_body``: fields missing, ill-typed or unknown (``details`` lists
-   every one under ``missing``, ``invalid`` and ``unknown``);
+2. ``malformed_body``: fields missing, ill-typed, over their size limit
+   (`FIELD_BYTE_LIMITS`) or unknown (``details`` lists every one under
+   ``missing``, ``invalid`` and ``unknown``);
 3. ``mi_contract_field_in_stats``: ``is_stats`` carries a mutual-information
    key that belongs beside it;
 4. ``unknown_market`` / ``no_active_era`` / ``era_not_active``: the market and
@@ -25,6 +26,7 @@ order and the first failing one decides the reason:
 
 from __future__ import annotations
 
+import json
 import math
 from collections.abc import Callable, Mapping
 from dataclasses import dataclass, field
@@ -37,8 +39,9 @@ from tallowmere.service.catalog import (
     resolve_pool_thresholds,
     universe_rule_id,
 )
+from tallowmere.service.config import FIELD_BYTE_LIMITS
 from tallowmere.service.errors import refusal
-from tallowmere.service.jsonio import JSONObject, metric_from_json
+from tallowmere.service.jsonio import JSONObject, echo, metric_from_json
 from tallowmere.service.lifecycle import SubmissionKind
 from tallowmere.service.records import public_metric
 from tallowmere.simulation.graph_complexity import GraphComplexity, measure_graph_complexity
@@ -47,6 +50,15 @@ from tallowmere.simulation.named_universe import _is_unsafe_named_universe
 from tallowmere.submissions.threshold_gates import ThresholdGateFailure, evaluate_threshold_gates
 
 CALLER_THRESHOLD_KEYS: Final = ("thresholds", "threshold_checks")
+
+MAX_NAME_CHARACTERS: Final = 128
+"""The longest pool name."""
+
+MAX_STORED_INTEGER: Final = 2**63 - 1
+"""The largest market id, era number or count (SQLite's integer range)."""
+
+MAX_LISTED_NAMES: Final = 20
+"""The most unknown field names a refusal lists."""
 
 FieldCheck = Callable[[Any], str | None]
 """Returns None for a good value, else what the value must be."""
@@ -57,11 +69,29 @@ def _is_number(value: Any) -> bool:
 
 
 def _positive_int(value: Any) -> str | None:
-    return None if type(value) is int and value > 0 else "must be a positive integer"
+    if type(value) is not int or value <= 0:
+        return "must be a positive integer"
+    return None if value <= MAX_STORED_INTEGER else f"must be at most {MAX_STORED_INTEGER}"
 
 
 def _non_empty_text(value: Any) -> str | None:
     return None if isinstance(value, str) and value.strip() else "must be a non-empty string"
+
+
+def _pool_name(value: Any) -> str | None:
+    if not isinstance(value, str) or not value.strip():
+        return "must be a non-empty string"
+    if len(value) > MAX_NAME_CHARACTERS:
+        return f"must be at most {MAX_NAME_CHARACTERS} characters"
+    return None
+
+
+def _json_size(value: Any) -> int:
+    """Return the size of ``value``'s compact JSON in UTF-8 bytes."""
+    return len(json.dumps(value, separators=(",", ":"), ensure_ascii=False).encode("utf-8"))
+
+
+SMALLEST_FIELD_LIMIT: Final = min(FIELD_BYTE_LIMITS.values())
 
 
 def _named_universe(value: Any) -> str | None:
@@ -104,7 +134,7 @@ class _Field:
 _SIGNAL_FIELDS: Final = (
     _Field("graph", _graph_object),
     _Field("named_universe", _named_universe),
-    _Field("signal_pool_name", _non_empty_text),
+    _Field("signal_pool_name", _pool_name),
     _Field("graph_depth", _positive_int),
     _Field("graph_node_count", _positive_int),
     _Field("is_stats", _json_object),
@@ -117,14 +147,18 @@ _SIGNAL_FIELDS: Final = (
     _Field("client_manifest_era_number", _positive_int),
     _Field("metaparameters", _json_object, required=False),
     _Field("search_state", _anything, required=False),
-    _Field("simulation_data_contract_projection", _json_object, required=False),
+    _Field(
+        "simulation_data_contract_projection",
+        _json_object,
+        required=False,
+    ),
     _Field("idempotency_key", _non_empty_text),
 )
 
 _STRATEGY_FIELDS: Final = (
     _Field("graph", _graph_object),
     _Field("named_universe", _named_universe),
-    _Field("strategy_pool_name", _non_empty_text),
+    _Field("strategy_pool_name", _pool_name),
     _Field("market_id", _positive_int),
     _Field("era_number", _positive_int),
     _Field("client_manifest_market_id", _positive_int),
@@ -135,7 +169,7 @@ _STRATEGY_FIELDS: Final = (
 )
 
 
-def _check_fields(body: Mapping[str, Any], fields: tuple[_Field, ...]) -> None:
+def _check_fields(body: Mapping[str, Any], fields: tuple[_Field, ...], body_size: int | None) -> None:
     known = {rule.name for rule in fields}
     missing = [rule.name for rule in fields if rule.required and rule.name not in body]
     invalid: dict[str, str] = {}
@@ -144,6 +178,11 @@ def _check_fields(body: Mapping[str, Any], fields: tuple[_Field, ...]) -> None:
             problem = rule.check(body[rule.name])
             if problem is not None:
                 invalid[rule.name] = problem
+    # No field of a body smaller than the smallest limit can be over its own.
+    if body_size is None or body_size > SMALLEST_FIELD_LIMIT:
+        for name, limit in FIELD_BYTE_LIMITS.items():
+            if name in known and name in body and name not in invalid and _json_size(body[name]) > limit:
+                invalid[name] = f"must take at most {limit} bytes of JSON"
     unknown = [name for name in body if name not in known]
     if missing or invalid or unknown:
         details: JSONObject = {}
@@ -152,7 +191,9 @@ def _check_fields(body: Mapping[str, Any], fields: tuple[_Field, ...]) -> None:
         if invalid:
             details["invalid"] = invalid
         if unknown:
-            details["unknown"] = unknown
+            details["unknown"] = [echo(name) for name in unknown[:MAX_LISTED_NAMES]]
+            if len(unknown) > MAX_LISTED_NAMES:
+                details["unknown_count"] = len(unknown)
         raise refusal("malformed_body", details)
 
 
@@ -216,15 +257,19 @@ class SubmissionValidator:
         """Judge bodies by the eras of ``catalog``."""
         self.catalog = catalog
 
-    def signal(self, body: JSONObject) -> AcceptedBody:
-        """Validate a ``POST /signals/submit`` body; raise a 422 `ServiceError` naming the first problem."""
+    def signal(self, body: JSONObject, *, body_size: int | None = None) -> AcceptedBody:
+        """Validate a ``POST /signals/submit`` body; raise a 422 `ServiceError` naming the first problem.
+
+        ``body_size``, the size of the body's JSON when the caller knows it,
+        spares measuring each field of a small body.
+        """
         present = [key for key in CALLER_THRESHOLD_KEYS if key in body]
         if present:
             raise refusal(
                 "caller_thresholds_not_accepted",
                 {"fields": present, "message": "submit thresholds must come from era thresholds"},
             )
-        _check_fields(body, _SIGNAL_FIELDS)
+        _check_fields(body, _SIGNAL_FIELDS, body_size)
         is_stats: JSONObject = body["is_stats"]
         mi_fields = sorted(key for key in is_stats if key in MI_CONTRACT_KEYS)
         if mi_fields:
@@ -282,9 +327,10 @@ class SubmissionValidator:
             },
         )
 
-    def strategy(self, body: JSONObject) -> AcceptedBody:
-        """Validate a ``POST /strategies/submit`` body; raise a 422 `ServiceError` naming the first problem."""
-        _check_fields(body, _STRATEGY_FIELDS)
+    def strategy(self, body: JSONObject, *, body_size: int | None = None) -> AcceptedBody:
+        """Validate a ``POST /strategies/submit`` body; raise a 422 `ServiceError` naming the first problem
+        (``body_size`` as for `signal`)."""
+        _check_fields(body, _STRATEGY_FIELDS, body_size)
         era = self._active_era(body)
         named_universe: str = body["named_universe"]
         if universe_rule_id(era, named_universe) is None:

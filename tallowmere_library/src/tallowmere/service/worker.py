@@ -25,6 +25,7 @@ failure's text in ``failure_message``; it is never retried in a loop.
 from __future__ import annotations
 
 import logging
+import math
 import threading
 import time
 from collections.abc import Callable
@@ -83,6 +84,9 @@ class LifecycleWorker:
         self.clock = clock
         self._wake = threading.Event()
         self._stop = threading.Event()
+        # The time the worker looks for due work again by itself; new work due
+        # later needs no wake-up (infinite while it is deciding how long to sleep).
+        self._sleeping_until = math.inf
         self._thread: threading.Thread | None = None
 
     def start(self) -> None:
@@ -102,22 +106,27 @@ class LifecycleWorker:
                 logger.warning("lifecycle worker did not stop within %.1f s", timeout)
             self._thread = None
 
-    def wake(self) -> None:
-        """Look for due work now (called after each accepted submission)."""
-        self._wake.set()
+    def wake(self, due_at: float | None = None) -> None:
+        """Look for due work now; given the epoch time ``due_at`` of new work, only if it falls due
+        before the worker would look anyway (called after each accepted submission)."""
+        if due_at is None or due_at < self._sleeping_until:
+            self._wake.set()
 
     def _run(self) -> None:
         while not self._stop.is_set():
             try:
                 if self.run_once():
                     continue
+                self._sleeping_until = math.inf
                 next_due = self.store.next_due_at()
             except StorageClosedError:
                 return
             except Exception:
                 logger.exception("lifecycle worker round failed")
                 next_due = None
-            wait = IDLE_POLL_SECONDS if next_due is None else min(max(next_due - self.clock(), 0.0), IDLE_POLL_SECONDS)
+            now = self.clock()
+            wait = IDLE_POLL_SECONDS if next_due is None else min(max(next_due - now, 0.0), IDLE_POLL_SECONDS)
+            self._sleeping_until = now + wait
             self._wake.wait(wait)
             self._wake.clear()
 
