@@ -27,7 +27,7 @@
 inline constexpr double flat_spread_tolerance = 1e-10;
 inline constexpr double dispersion_tolerance = 1e-9;
 inline constexpr int lanes = 8;
-// Assets in one bucket of the cross-sectional rank compared in one step.
+// Members of a bucket the cross-sectional rank compares in one step.
 inline constexpr int rank_slots = 8;
 
 inline double missing() { return std::numeric_limits<double>::quiet_NaN(); }
@@ -90,15 +90,18 @@ inline int count_if(int n, Value present) {
 // average of their positions, a lone value 0.5, missing values missing.
 //
 // Values are spread over n buckets by their distance from the day's lowest
-// value (a non-decreasing map, so every bucket holds a run of the sorted
-// order) and each value is compared only with the members of its bucket.
+// value. The map never decreases, so each bucket holds a run of the sorted
+// order: a value's rank is the count of the buckets below it plus its place
+// among its bucket's members (eight compared in one step). The rare bucket
+// with more than eight members is sorted and searched.
 class Ranker {
 public:
     explicit Ranker(int n)
         : n_(n),
-          bucket_(static_cast<std::size_t>(n)),
+          buckets_(n),
+          bucket_(static_cast<std::size_t>(n) + 4),
+          place_(static_cast<std::size_t>(n) + 4),
           start_(static_cast<std::size_t>(n) + 2),
-          cursor_(static_cast<std::size_t>(n) + 2),
           members_(static_cast<std::size_t>(n) + rank_slots),
           table_(2 * static_cast<std::size_t>(n) + 1),
           pairs_(static_cast<std::size_t>(n)) {}
@@ -108,12 +111,13 @@ public:
 private:
     void build_table(int present);
     void rank_by_sorting(const double* x, double* out);
-    static void count_in_slots(const double* slots, int size, double v, int& less, int& equal);
+    void assign_buckets(const double* x, double lo, double scale);
 
     int n_;
+    int buckets_;  // missing values go to the extra bucket `buckets_`
     std::vector<int> bucket_;
+    std::vector<int> place_;  // a value's place among its bucket's members, in arrival order
     std::vector<int> start_;
-    std::vector<int> cursor_;
     std::vector<double> members_;
     std::vector<double> table_;
     int table_present_ = -1;
@@ -127,29 +131,6 @@ inline void Ranker::build_table(int present) {
     double denominator = 2.0 * static_cast<double>(present - 1);
     for (int k = 0; k <= 2 * (present - 1); ++k) table_[static_cast<std::size_t>(k)] = static_cast<double>(k) / denominator;
     table_present_ = present;
-}
-
-inline void Ranker::count_in_slots(const double* slots, int size, double v, int& less, int& equal) {
-#if defined(TALLOWMERE_ENGINE_AVX2_CODE)
-    __m256d value = _mm256_set1_pd(v);
-    __m256d low = _mm256_loadu_pd(slots), high = _mm256_loadu_pd(slots + 4);
-    int mask = (1 << size) - 1;
-    int below = _mm256_movemask_pd(_mm256_cmp_pd(low, value, _CMP_LT_OQ)) |
-                (_mm256_movemask_pd(_mm256_cmp_pd(high, value, _CMP_LT_OQ)) << 4);
-    int same = _mm256_movemask_pd(_mm256_cmp_pd(low, value, _CMP_EQ_OQ)) |
-               (_mm256_movemask_pd(_mm256_cmp_pd(high, value, _CMP_EQ_OQ)) << 4);
-    less = __builtin_popcount(static_cast<unsigned>(below & mask));
-    equal = __builtin_popcount(static_cast<unsigned>(same & mask));
-#else
-    int below = 0, same = 0;
-    for (int q = 0; q < rank_slots; ++q) {
-        int inside = q < size ? 1 : 0;
-        below += inside & (slots[q] < v ? 1 : 0);
-        same += inside & (slots[q] == v ? 1 : 0);
-    }
-    less = below;
-    equal = same;
-#endif
 }
 
 inline void Ranker::rank_by_sorting(const double* x, double* out) {
@@ -173,96 +154,137 @@ inline void Ranker::rank_by_sorting(const double* x, double* out) {
     }
 }
 
+inline void Ranker::assign_buckets(const double* x, double lo, double scale) {
+    const int n = n_;
+    const double top = static_cast<double>(buckets_ - 1);
+    int* bucket = bucket_.data();
+    int i = 0;
+#if defined(TALLOWMERE_ENGINE_AVX2_CODE)
+    const __m256d low = _mm256_set1_pd(lo), factor = _mm256_set1_pd(scale), last = _mm256_set1_pd(top);
+    const __m128i absent = _mm_set1_epi32(buckets_);
+    for (; i + 4 <= n; i += 4) {
+        __m256d v = _mm256_loadu_pd(x + i);
+        // min keeps a missing value's NaN, which converts to INT_MIN: above `absent` unsigned
+        __m256d q = _mm256_min_pd(last, _mm256_mul_pd(_mm256_sub_pd(v, low), factor));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(bucket + i), _mm_min_epu32(_mm256_cvttpd_epi32(q), absent));
+    }
+#endif
+    for (; i < n; ++i) {
+        double q = (x[i] - lo) * scale;
+        bucket[i] = x[i] == x[i] ? static_cast<int>(q < top ? q : top) : buckets_;
+    }
+}
+
 inline void Ranker::rank(const double* x, double* out) {
     const int n = n_;
     double lo = std::numeric_limits<double>::infinity(), hi = -lo;
-    for (int i = 0; i < n; ++i) {
+    int i = 0;
+#if defined(TALLOWMERE_ENGINE_AVX2_CODE)
+    {
+        __m256d low = _mm256_set1_pd(lo), high = _mm256_set1_pd(hi);
+        for (; i + 4 <= n; i += 4) {
+            __m256d v = _mm256_loadu_pd(x + i);
+            low = _mm256_min_pd(v, low);  // a missing value loses every comparison
+            high = _mm256_max_pd(v, high);
+        }
+        alignas(32) double lows[4], highs[4];
+        _mm256_store_pd(lows, low);
+        _mm256_store_pd(highs, high);
+        for (int j = 0; j < 4; ++j) {
+            lo = lows[j] < lo ? lows[j] : lo;
+            hi = highs[j] > hi ? highs[j] : hi;
+        }
+    }
+#endif
+    for (; i < n; ++i) {
         lo = x[i] < lo ? x[i] : lo;  // a missing value compares false and is skipped
         hi = x[i] > hi ? x[i] : hi;
     }
     if (!(lo <= hi)) {  // no present value
-        for (int i = 0; i < n; ++i) out[i] = missing();
+        for (int k = 0; k < n; ++k) out[k] = missing();
         return;
     }
-    double span = hi - lo;
+    const double span = hi - lo;
     if (!(span - span == 0.0)) {  // values too far apart to bucket (an infinity among them)
         rank_by_sorting(x, out);
         return;
     }
     if (span == 0.0) {  // one value: every present value ranks in the middle
-        for (int i = 0; i < n; ++i) out[i] = x[i] == x[i] ? 0.5 : missing();
+        for (int k = 0; k < n; ++k) out[k] = x[k] == x[k] ? 0.5 : missing();
         return;
     }
 
-    const int buckets = n;  // missing values go to bucket `buckets`
-    const double top = static_cast<double>(buckets - 1);
-    const double scale = top / span;
-    int* bucket = bucket_.data();
-    int first_scalar = 0;
-#if defined(TALLOWMERE_ENGINE_AVX2_CODE)
-    {
-        const __m256d low = _mm256_set1_pd(lo), factor = _mm256_set1_pd(scale), last = _mm256_set1_pd(top);
-        const __m128i absent = _mm_set1_epi32(buckets);
-        for (; first_scalar + 4 <= n; first_scalar += 4) {
-            __m256d v = _mm256_loadu_pd(x + first_scalar);
-            // min keeps a missing value's NaN, which converts to INT_MIN: above `absent` unsigned
-            __m256d q = _mm256_min_pd(last, _mm256_mul_pd(_mm256_sub_pd(v, low), factor));
-            __m128i b = _mm_min_epu32(_mm256_cvttpd_epi32(q), absent);
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(bucket + first_scalar), b);
-        }
-    }
-#endif
-    for (int i = first_scalar; i < n; ++i) {
-        double q = (x[i] - lo) * scale;
-        bucket[i] = x[i] == x[i] ? static_cast<int>(q < top ? q : top) : buckets;
-    }
+    const int buckets = buckets_;
+    assign_buckets(x, lo, static_cast<double>(buckets - 1) / span);
+    const int* bucket = bucket_.data();
+    int* place = place_.data();
     int* start = start_.data();
     std::fill(start, start + buckets + 2, 0);
-    for (int i = 0; i < n; ++i) ++start[bucket[i] + 1];
-    int largest = 0, running = 0;
-    for (int b = 1; b <= buckets + 1; ++b) {
-        largest = start[b] > largest && b <= buckets ? start[b] : largest;
+    for (int k = 0; k < n; ++k) {
+        int b = bucket[k] + 1;
+        int members = start[b];
+        place[k] = members;
+        start[b] = members + 1;
+    }
+    int running = 0, largest = 0;
+    for (int b = 1; b <= buckets; ++b) {
+        largest = start[b] > largest ? start[b] : largest;
         running += start[b];
         start[b] = running;
     }
+    start[buckets + 1] += running;
     const int present = start[buckets];
-    int* cursor = cursor_.data();
-    std::copy(start, start + buckets + 1, cursor);
     double* members = members_.data();
-    for (int i = 0; i < n; ++i) members[cursor[bucket[i]]++] = x[i];
+    for (int k = 0; k < n; ++k) members[start[bucket[k]] + place[k]] = x[k];
     for (int k = n; k < n + rank_slots; ++k) members[k] = missing();
     if (largest > rank_slots) {  // crowded buckets are sorted and searched
         for (int b = 0; b < buckets; ++b) {
             if (start[b + 1] - start[b] > rank_slots) std::sort(members + start[b], members + start[b + 1]);
         }
     }
-
     if (present == 1) {
-        for (int i = 0; i < n; ++i) out[i] = bucket[i] < buckets ? 0.5 : missing();
+        for (int k = 0; k < n; ++k) out[k] = bucket[k] < buckets ? 0.5 : missing();
         return;
     }
     build_table(present);
     const double* table = table_.data();
-    for (int i = 0; i < n; ++i) {
-        int b = bucket[i];
+    for (int k = 0; k < n; ++k) {
+        const int b = bucket[k];
         if (b == buckets) {
-            out[i] = missing();
+            out[k] = missing();
             continue;
         }
-        int s = start[b], size = start[b + 1] - s;
+        const int s = start[b], size = start[b + 1] - s;
         int less, equal;
         if (size <= rank_slots) {
-            count_in_slots(members + s, size, x[i], less, equal);
+#if defined(TALLOWMERE_ENGINE_AVX2_CODE)
+            const __m256d value = _mm256_set1_pd(x[k]);
+            const __m256d low = _mm256_loadu_pd(members + s), high = _mm256_loadu_pd(members + s + 4);
+            const unsigned mask = (1u << size) - 1;
+            const unsigned below = static_cast<unsigned>(_mm256_movemask_pd(_mm256_cmp_pd(low, value, _CMP_LT_OQ)) |
+                                                         (_mm256_movemask_pd(_mm256_cmp_pd(high, value, _CMP_LT_OQ)) << 4));
+            const unsigned same = static_cast<unsigned>(_mm256_movemask_pd(_mm256_cmp_pd(low, value, _CMP_EQ_OQ)) |
+                                                        (_mm256_movemask_pd(_mm256_cmp_pd(high, value, _CMP_EQ_OQ)) << 4));
+            less = __builtin_popcount(below & mask);
+            equal = __builtin_popcount(same & mask);
+#else
+            less = 0;
+            equal = 0;
+            for (int q = 0; q < rank_slots; ++q) {
+                int inside = q < size ? 1 : 0;
+                less += inside & (members[s + q] < x[k] ? 1 : 0);
+                equal += inside & (members[s + q] == x[k] ? 1 : 0);
+            }
+#endif
         } else {
             const double* begin = members + s;
             const double* end = begin + size;
-            const double* lower = std::lower_bound(begin, end, x[i]);
-            const double* upper = std::upper_bound(lower, end, x[i]);
+            const double* lower = std::lower_bound(begin, end, x[k]);
             less = static_cast<int>(lower - begin);
-            equal = static_cast<int>(upper - lower);
+            equal = static_cast<int>(std::upper_bound(lower, end, x[k]) - lower);
         }
-        // first position s + less, last s + less + equal - 1
-        out[i] = table[2 * (s + less) + equal - 1];
+        // the tie group runs from position s + less to s + less + equal - 1
+        out[k] = table[2 * (s + less) + equal - 1];
     }
 }
 
