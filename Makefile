@@ -58,6 +58,7 @@ demo: install
 # printed as one table (see the README for the figures).
 bench: install
 	$(VPY) bench/bench_client.py
+	$(VPY) bench/bench_simulation.py
 
 # An sdist and a wheel (the wheel is built from the sdist, so the sdist is
 # known to build from scratch); the wheel is then installed into a fresh
