@@ -52,15 +52,23 @@ inline Storage allocate(std::size_t count) {
     return Storage(raw);
 }
 
-// Rows of one quantity: a ring of `capacity` rows (row t at t % capacity), or,
-// with capacity 0, a whole days × assets matrix that is only read.
+// Rows of one quantity: a ring of a power-of-two number of rows (row t at
+// t & mask), or, with every mask bit set, a whole days × assets matrix that
+// is only read.
 struct Rows {
     double* data = nullptr;
     std::ptrdiff_t stride = 0;
-    long capacity = 0;
+    long mask = -1;
 
-    double* row(long t) const { return data + (capacity == 0 ? t : t % capacity) * stride; }
+    double* row(long t) const { return data + (t & mask) * stride; }
 };
+
+// The smallest power of two holding `rows` rows.
+inline long ring_size(long rows) {
+    long size = 1;
+    while (size < rows) size <<= 1;
+    return size;
+}
 
 // ---- sums across assets ---------------------------------------------------------
 
@@ -355,7 +363,7 @@ inline Evaluator::Evaluator(const Run& run)
         const Node& node = state.node;
         if (node.op == Op::field) {
             const Matrix& matrix = run.fields[static_cast<std::size_t>(node.window)];
-            state.out = Rows{const_cast<double*>(matrix.data), matrix.row_stride, 0};
+            state.out = Rows{const_cast<double*>(matrix.data), matrix.row_stride, -1};
             continue;
         }
         allocate_rows(state, node.op == Op::constant ? 1 : lookback[i] + 1);
@@ -393,8 +401,9 @@ inline long Evaluator::lookback_of_argument(const Node& parent) const {
 }
 
 inline void Evaluator::allocate_rows(NodeState& state, long capacity) {
-    state.own = allocate(static_cast<std::size_t>(stride_) * static_cast<std::size_t>(capacity));
-    state.out = Rows{state.own.get(), stride_, capacity};
+    const long size = ring_size(capacity);
+    state.own = allocate(static_cast<std::size_t>(stride_) * static_cast<std::size_t>(size));
+    state.out = Rows{state.own.get(), stride_, size - 1};
 }
 
 // Plans the blocks of a window operator. Level k holds, for every day, the
@@ -420,10 +429,10 @@ inline void Evaluator::plan_blocks(NodeState& state, int quantities, bool sparse
     state.block_rows.assign(static_cast<std::size_t>(quantities), std::vector<Rows>(static_cast<std::size_t>(levels) + 1));
     for (int q = 0; q < quantities; ++q) {
         for (int k = 1; k <= levels; ++k) {
-            long capacity = reach[static_cast<std::size_t>(k)] + 1;
-            state.block_storage.push_back(allocate(static_cast<std::size_t>(stride_) * static_cast<std::size_t>(capacity)));
+            const long size = ring_size(reach[static_cast<std::size_t>(k)] + 1);
+            state.block_storage.push_back(allocate(static_cast<std::size_t>(stride_) * static_cast<std::size_t>(size)));
             state.block_rows[static_cast<std::size_t>(q)][static_cast<std::size_t>(k)] =
-                Rows{state.block_storage.back().get(), stride_, capacity};
+                Rows{state.block_storage.back().get(), stride_, size - 1};
         }
     }
 }
@@ -638,6 +647,67 @@ inline void merge_comoments(int n, const MergeFactors f, const Comoments& older,
                          out.mean_b, out.squares_a, out.squares_b, out.cross);
 }
 
+// The sample standard deviation of a window from its mean and squared
+// deviations: 0 when the spread is only rounding.
+inline double deviation(double mean, double squares, double days) {
+    double threshold = flat_spread_tolerance * mean;
+    double spread = squares <= threshold * threshold * days ? 0.0 : squares;
+    return finite_or_missing(std::sqrt(spread / (days - 1.0)));
+}
+
+inline void deviations(int n, double days, const double* __restrict m, const double* __restrict q,
+                       double* __restrict out) {
+    for (int i = 0; i < n; ++i) out[i] = deviation(m[i], q[i], days);
+}
+
+inline void merged_deviations(int n, double days, const MergeFactors f, const double* __restrict ma,
+                              const double* __restrict qa, const double* __restrict mb, const double* __restrict qb,
+                              double* __restrict out) {
+    for (int i = 0; i < n; ++i) {
+        double d = mb[i] - ma[i];
+        out[i] = deviation(ma[i] + d * f.shift, (qa[i] + qb[i]) + (d * d) * f.squares, days);
+    }
+}
+
+// The correlation of a window from its statistics: missing when either side
+// is flat (no spread beyond rounding), else clipped to [-1, 1].
+inline double correlation(double mean_a, double mean_b, double squares_a, double squares_b, double cross, double days) {
+    double ta = flat_spread_tolerance * mean_a;
+    double tb = flat_spread_tolerance * mean_b;
+    bool flat = (squares_a <= ta * ta * days) | (squares_b <= tb * tb * days);
+    double r = cross / std::sqrt(squares_a * squares_b);
+    r = flat ? missing() : r;
+    r = r < -1.0 ? -1.0 : (r > 1.0 ? 1.0 : r);
+    return finite_or_missing(r);
+}
+
+inline void correlations(int n, double days, const Comoments& window, double* __restrict out) {
+    for (int i = 0; i < n; ++i) {
+        out[i] = correlation(window.mean_a[i], window.mean_b[i], window.squares_a[i], window.squares_b[i],
+                             window.cross[i], days);
+    }
+}
+
+inline void merged_correlations_rows(int n, double days, const MergeFactors f, const double* __restrict ma,
+                                     const double* __restrict mb, const double* __restrict qa,
+                                     const double* __restrict qb, const double* __restrict ca,
+                                     const double* __restrict na, const double* __restrict nb,
+                                     const double* __restrict ra, const double* __restrict rb,
+                                     const double* __restrict cb, double* __restrict out) {
+    for (int i = 0; i < n; ++i) {
+        double dx = na[i] - ma[i];
+        double dy = nb[i] - mb[i];
+        out[i] = correlation(ma[i] + dx * f.shift, mb[i] + dy * f.shift, (qa[i] + ra[i]) + (dx * dx) * f.squares,
+                             (qb[i] + rb[i]) + (dy * dy) * f.squares, (ca[i] + cb[i]) + (dx * dy) * f.squares, days);
+    }
+}
+
+inline void merged_correlations(int n, double days, const MergeFactors f, const Comoments& older,
+                                const Comoments& newer, double* out) {
+    merged_correlations_rows(n, days, f, older.mean_a, older.mean_b, older.squares_a, older.squares_b, older.cross,
+                             newer.mean_a, newer.mean_b, newer.squares_a, newer.squares_b, newer.cross, out);
+}
+
 inline void Evaluator::window_moments(NodeState& state, long t) {
     const int n = n_;
     const long window = state.node.window;
@@ -667,7 +737,8 @@ inline void Evaluator::window_moments(NodeState& state, long t) {
     const double* m = means(blocks[0].first, t - blocks[0].second);
     const double* q = squares(blocks[0].first, t - blocks[0].second);
     long count = 1L << blocks[0].first;
-    for (std::size_t j = 1; j < blocks.size(); ++j) {
+    const double days = static_cast<double>(window);
+    for (std::size_t j = 1; j + 1 < blocks.size(); ++j) {
         const double* mb = means(blocks[j].first, t - blocks[j].second);
         const double* qb = squares(blocks[j].first, t - blocks[j].second);
         long added = 1L << blocks[j].first;
@@ -677,12 +748,12 @@ inline void Evaluator::window_moments(NodeState& state, long t) {
         q = merged + stride_;
         count += added;
     }
-    const double days = static_cast<double>(window);
-    const double degrees = static_cast<double>(window - 1);
-    for (int i = 0; i < n; ++i) {
-        double threshold = flat_spread_tolerance * m[i];
-        double spread = q[i] <= threshold * threshold * days ? 0.0 : q[i];
-        out[i] = finite_or_missing(std::sqrt(spread / degrees));
+    if (blocks.size() == 1) {
+        deviations(n, days, m, q, out);
+    } else {  // the last block merges straight into the deviation: the window's statistics are never stored
+        const auto& [level, back] = blocks.back();
+        merged_deviations(n, days, merge_factors(count, 1L << level), m, q, means(level, t - back),
+                          squares(level, t - back), out);
     }
 }
 
@@ -718,7 +789,12 @@ inline void Evaluator::window_comoments(NodeState& state, long t) {
     const auto& blocks = state.blocks;
     Comoments acc = block(blocks[0].first, t - blocks[0].second);
     long count = 1L << blocks[0].first;
-    for (std::size_t j = 1; j < blocks.size(); ++j) {
+    const double days = static_cast<double>(window);
+    if (blocks.size() == 1) {
+        correlations(n, days, acc, out);
+        return;
+    }
+    for (std::size_t j = 1; j + 1 < blocks.size(); ++j) {
         long added = 1L << blocks[j].first;
         double* base = scratch_.get() + static_cast<std::ptrdiff_t>(5 * (j % 2)) * stride_;
         ComomentRows merged{base, base + stride_, base + 2 * stride_, base + 3 * stride_, base + 4 * stride_};
@@ -726,17 +802,9 @@ inline void Evaluator::window_comoments(NodeState& state, long t) {
         acc = Comoments{merged.mean_a, merged.mean_b, merged.squares_a, merged.squares_b, merged.cross};
         count += added;
     }
-    const double days = static_cast<double>(window);
-    const double *ma = acc.mean_a, *mb = acc.mean_b, *qa = acc.squares_a, *qb = acc.squares_b, *c = acc.cross;
-    for (int i = 0; i < n; ++i) {
-        double tx = flat_spread_tolerance * ma[i];
-        double ty = flat_spread_tolerance * mb[i];
-        bool flat = (qa[i] <= tx * tx * days) | (qb[i] <= ty * ty * days);
-        double r = c[i] / std::sqrt(qa[i] * qb[i]);
-        r = flat ? missing() : r;
-        r = r < -1.0 ? -1.0 : (r > 1.0 ? 1.0 : r);
-        out[i] = finite_or_missing(r);
-    }
+    // The last block merges straight into the correlation: the window's statistics are never stored.
+    const auto& [level, back] = blocks.back();
+    merged_correlations(n, days, merge_factors(count, 1L << level), acc, block(level, t - back), out);
 }
 
 inline void Evaluator::window_extreme(NodeState& state, long t) {
