@@ -20,6 +20,7 @@ from hypothesis import strategies as st
 
 from simulation_support import Graph, mixed_graph, node
 from tallowmere import _native
+from tallowmere.simulation.dependence import copula_mutual_information, largest_copula_mutual_information
 from tallowmere.simulation.engines import ENGINE_VARIABLE, compile_program, evaluate_book, evaluate_values, resolve_engine
 from tallowmere.simulation.expression import compile_expression
 from tallowmere.simulation.market_panel import FIELD_NAMES, FloatArray, MarketPanel
@@ -306,3 +307,15 @@ def test_every_day_is_timed() -> None:
     assert 0.0 < result.expression_elapsed_seconds < result.backtest_elapsed_seconds
     # The slowest day is at least the average day and at most the whole backtest.
     assert result.expression_elapsed_seconds / days <= result.max_row_elapsed_seconds < result.backtest_elapsed_seconds
+
+
+def test_the_largest_mutual_information_is_the_largest_pair_and_stops_at_a_copy() -> None:
+    rng = np.random.default_rng(9)
+    series = rng.normal(size=60)
+    others = [rng.normal(size=60) + weight * series for weight in (0.0, 0.5, 0.2)]
+    pairs = [copula_mutual_information(series, other) for other in others]
+    assert largest_copula_mutual_information(series, others) == max(pairs) > 0.0
+    assert largest_copula_mutual_information(series, [others[0], 3.0 * series, np.zeros(2)]) == math.inf
+    assert largest_copula_mutual_information(series, []) == 0.0
+    with pytest.raises(ValueError, match="series to compare must be 1-D and of equal length"):
+        largest_copula_mutual_information(series, [np.zeros(5)])

@@ -21,7 +21,6 @@ days, and shares each block's time equally among its days.
 
 from __future__ import annotations
 
-import math
 import time
 from collections.abc import Mapping
 from dataclasses import dataclass, field
@@ -30,11 +29,11 @@ from typing import TypedDict
 import numpy.typing as npt
 
 from tallowmere.simulation.backtest_timing import BacktestTimingRecord, record_backtest_timing
-from tallowmere.simulation.dependence import copula_mutual_information
+from tallowmere.simulation.dependence import largest_copula_mutual_information
 from tallowmere.simulation.engines import EVALUATION_BLOCK_DAYS, evaluate_book, resolve_engine
 from tallowmere.simulation.expression import compile_expression
 from tallowmere.simulation.market_panel import FloatArray, MarketPanel
-from tallowmere.simulation.reference_pnls import ReferencePnl, ReferencePnls, prepare_reference_pnls
+from tallowmere.simulation.reference_pnls import ReferencePnls, prepare_reference_pnls
 from tallowmere.simulation.signal_statistics import period_statistics
 from tallowmere.simulation.synthetic_market import default_panel
 
@@ -120,15 +119,6 @@ def resolve_panel(
     )
 
 
-def _largest_mutual_information(is_pnl: FloatArray, references: tuple[ReferencePnl, ...]) -> float:
-    largest = 0.0
-    for reference in references:
-        largest = max(largest, copula_mutual_information(is_pnl, reference.in_sample))
-        if math.isinf(largest):
-            break
-    return largest
-
-
 def simulate_signal(
     graph: Mapping[str, object],
     *,
@@ -181,7 +171,7 @@ def simulate_signal(
         days,
         [reference.out_of_sample for reference in references if reference.out_of_sample is not None],
     )
-    is_pnl_mi = _largest_mutual_information(is_pnl, references)
+    is_pnl_mi = largest_copula_mutual_information(is_pnl, [reference.in_sample for reference in references])
     backtest_seconds = max(time.perf_counter() - began, _SHORTEST_TIMING)
     max_row_seconds = max(evaluation.max_row_seconds, _SHORTEST_TIMING)
 
