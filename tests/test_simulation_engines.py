@@ -319,3 +319,15 @@ def test_the_largest_mutual_information_is_the_largest_pair_and_stops_at_a_copy(
     assert largest_copula_mutual_information(series, []) == 0.0
     with pytest.raises(ValueError, match="series to compare must be 1-D and of equal length"):
         largest_copula_mutual_information(series, [np.zeros(5)])
+
+
+def test_the_build_for_any_processor_gives_the_same_numbers_as_the_vectorised_one() -> None:
+    graphs = [mixed_graph(), node("rank", node("volume")), node("ts_corr", node("close"), node("vwap"), window=13)]
+    for panel in (AWKWARD, default_panel()):
+        for graph in graphs:
+            program = compile_program(compile_expression(graph, day_count=panel.day_count))
+            fields = tuple(panel.field(name) for name in program.fields)
+            vectorised, generic = np.empty((panel.day_count, panel.asset_count)), np.empty((panel.day_count, panel.asset_count))
+            _native.evaluate_program(program.steps, fields, values=vectorised)
+            _native.evaluate_program(program.steps, fields, values=generic, generic=True)
+            np.testing.assert_array_equal(vectorised, generic)

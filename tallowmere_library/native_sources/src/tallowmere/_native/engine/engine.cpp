@@ -31,7 +31,8 @@ constexpr const char evaluate_program_doc[] =
     "node ('field', (), index, 0.0) reads fields[index]. fields: days x assets float64 arrays.\n"
     "values, weights: days x assets float64 arrays receiving the root's values and the portfolio\n"
     "weights; daily: a 5 x days float64 array receiving each day's PnL, traded, net, gross and largest\n"
-    "weight (it needs weights and returns). Returns (expression_seconds, max_row_seconds).";
+    "weight (it needs weights and returns). generic: run the build for any processor instead of the\n"
+    "vectorised one (both give identical numbers). Returns (expression_seconds, max_row_seconds).";
 
 // A buffer held for the length of one call; released with the GIL held.
 class HeldBuffer {
@@ -161,7 +162,8 @@ void check_shape(const HeldBuffer& buffer, const std::string& label, Py_ssize_t 
 }
 
 Ref evaluate_program(const Module&, const Ref& program, const Ref& fields, const Ref& values, const Ref& weights,
-                     const Ref& returns, const Ref& daily) {
+                     const Ref& returns, const Ref& daily, const Ref& generic) {
+    const bool any_processor = truthy(generic);
     Ref field_items = Ref::checked(PySequence_Tuple(fields.get()));
     const Py_ssize_t field_count = PyTuple_GET_SIZE(field_items.get());
     if (field_count == 0) raise_value_error("fields must hold at least one array");
@@ -218,7 +220,7 @@ Ref evaluate_program(const Module&, const Ref& program, const Ref& fields, const
     {
         WithoutGil released;
         try {
-            std::unique_ptr<engine::Prepared> prepared = engine::prepare(run);
+            std::unique_ptr<engine::Prepared> prepared = engine::prepare(run, any_processor);
             timing = prepared->execute();
         } catch (const std::bad_alloc&) {
             out_of_memory = true;
@@ -234,7 +236,8 @@ Ref evaluate_program(const Module&, const Ref& program, const Ref& fields, const
 constexpr auto evaluate_program_signature =
     signature("evaluate_program", Binding::module_function, evaluate_program_doc, param("program"), param("fields"),
               keyword_only("values", none_default), keyword_only("weights", none_default),
-              keyword_only("returns", none_default), keyword_only("daily", none_default));
+              keyword_only("returns", none_default), keyword_only("daily", none_default),
+              keyword_only("generic", none_default));
 
 }  // namespace
 

@@ -9,9 +9,11 @@ namespace generic {
 
 std::unique_ptr<Prepared> prepare_generic(const Run& run) { return generic::prepare_here(run); }
 
-std::unique_ptr<Prepared> prepare(const Run& run) {
+std::unique_ptr<Prepared> prepare(const Run& run, bool generic) {
 #if defined(TALLOWMERE_ENGINE_AVX2)
-    if (__builtin_cpu_supports("avx2")) return prepare_avx2(run);
+    if (!generic && __builtin_cpu_supports("avx2")) return prepare_avx2(run);
+#else
+    (void)generic;
 #endif
     return prepare_generic(run);
 }

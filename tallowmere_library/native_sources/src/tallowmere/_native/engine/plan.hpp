@@ -110,7 +110,8 @@ public:
 };
 
 // The evaluator for this processor (a vectorised build where the processor
-// supports one). Throws std::bad_alloc when memory runs out.
-std::unique_ptr<Prepared> prepare(const Run& run);
+// supports one), or with `generic` the build for any processor. Throws
+// std::bad_alloc when memory runs out.
+std::unique_ptr<Prepared> prepare(const Run& run, bool generic);
 
 }  // namespace tallowmere::native::engine
