@@ -605,6 +605,18 @@ inline void merge_moments(int n, const MergeFactors f, const double* __restrict 
     }
 }
 
+// Merges of two single days, whose squared deviations and cross products are
+// 0: the same operations as the general merges, without reading rows of zeros
+// ((0 + 0) + x is 0 + x).
+inline void merge_single_days(int n, const MergeFactors f, const double* __restrict a, const double* __restrict b,
+                              double* __restrict m, double* __restrict q) {
+    for (int i = 0; i < n; ++i) {
+        double d = b[i] - a[i];
+        m[i] = a[i] + d * f.shift;
+        q[i] = 0.0 + (d * d) * f.squares;
+    }
+}
+
 struct Comoments {
     const double* mean_a;
     const double* mean_b;
@@ -638,6 +650,28 @@ inline void merge_comoments_rows(int n, const MergeFactors f, const double* __re
         out_qb[i] = (qb[i] + rb[i]) + (dy * dy) * f.squares;
         out_c[i] = (ca[i] + cb[i]) + (dx * dy) * f.squares;
     }
+}
+
+inline void merge_single_day_pairs_rows(int n, const MergeFactors f, const double* __restrict xa,
+                                        const double* __restrict ya, const double* __restrict xb,
+                                        const double* __restrict yb, double* __restrict out_ma,
+                                        double* __restrict out_mb, double* __restrict out_qa,
+                                        double* __restrict out_qb, double* __restrict out_c) {
+    for (int i = 0; i < n; ++i) {
+        double dx = xb[i] - xa[i];
+        double dy = yb[i] - ya[i];
+        out_ma[i] = xa[i] + dx * f.shift;
+        out_mb[i] = ya[i] + dy * f.shift;
+        out_qa[i] = 0.0 + (dx * dx) * f.squares;
+        out_qb[i] = 0.0 + (dy * dy) * f.squares;
+        out_c[i] = 0.0 + (dx * dy) * f.squares;
+    }
+}
+
+inline void merge_single_day_pairs(int n, const MergeFactors f, const double* xa, const double* ya,
+                                   const double* xb, const double* yb, const ComomentRows& out) {
+    merge_single_day_pairs_rows(n, f, xa, ya, xb, yb, out.mean_a, out.mean_b, out.squares_a, out.squares_b,
+                                out.cross);
 }
 
 inline void merge_comoments(int n, const MergeFactors f, const Comoments& older, const Comoments& newer,
@@ -725,8 +759,13 @@ inline void Evaluator::window_moments(NodeState& state, long t) {
         const MergeFactors f = merge_factors(half, half);
         const double *ma = means(k - 1, t - half), *mb = means(k - 1, t);
         const double *qa = squares(k - 1, t - half), *qb = squares(k - 1, t);
-        merge_moments(n, f, ma, qa, mb, qb, state.block_rows[0][static_cast<std::size_t>(k)].row(t),
-                      state.block_rows[1][static_cast<std::size_t>(k)].row(t));
+        double* m = state.block_rows[0][static_cast<std::size_t>(k)].row(t);
+        double* q = state.block_rows[1][static_cast<std::size_t>(k)].row(t);
+        if (k == 1) {
+            merge_single_days(n, f, ma, mb, m, q);
+        } else {
+            merge_moments(n, f, ma, qa, mb, qb, m, q);
+        }
     }
     double* out = state.out.row(t);
     if (t < window - 1) {
@@ -778,8 +817,13 @@ inline void Evaluator::window_comoments(NodeState& state, long t) {
         auto target = [&](int quantity) {
             return state.block_rows[static_cast<std::size_t>(quantity)][static_cast<std::size_t>(k)].row(t);
         };
-        merge_comoments(n, merge_factors(half, half), block(k - 1, t - half), block(k - 1, t),
-                        ComomentRows{target(0), target(1), target(2), target(3), target(4)});
+        const ComomentRows merged{target(0), target(1), target(2), target(3), target(4)};
+        if (k == 1) {
+            merge_single_day_pairs(n, merge_factors(1, 1), left.row(t - 1), right.row(t - 1), left.row(t),
+                                   right.row(t), merged);
+        } else {
+            merge_comoments(n, merge_factors(half, half), block(k - 1, t - half), block(k - 1, t), merged);
+        }
     }
     double* out = state.out.row(t);
     if (t < window - 1) {
