@@ -97,32 +97,47 @@ inline int count_if(int n, Value present) {
 // Ranks one day's values: the lowest present value 0, the highest 1, ties the
 // average of their positions, a lone value 0.5, missing values missing.
 //
-// Values are spread over n buckets by their distance from the day's lowest
+// Values are spread over buckets by their distance from the day's lowest
 // value. The map never decreases, so each bucket holds a run of the sorted
-// order: a value's rank is the count of the buckets below it plus its place
-// among its bucket's members (eight compared in one step). The rare bucket
-// with more than eight members is sorted and searched.
+// order: a value's rank is the count of the values in the buckets below it
+// plus its place among its bucket's members (eight compared in one step).
 class Ranker {
 public:
     explicit Ranker(int n)
         : n_(n),
           buckets_(n),
+          slotted_buckets_(2 * n),
+          slots_(allocate(static_cast<std::size_t>(2 * n + 1) * rank_slots)),
+          count_(2 * static_cast<std::size_t>(n) + 2),
+          below_(2 * static_cast<std::size_t>(n) + 2),
           bucket_(static_cast<std::size_t>(n) + 4),
           place_(static_cast<std::size_t>(n) + 4),
           start_(static_cast<std::size_t>(n) + 2),
           members_(static_cast<std::size_t>(n) + rank_slots),
           table_(2 * static_cast<std::size_t>(n) + 1),
-          pairs_(static_cast<std::size_t>(n)) {}
+          pairs_(static_cast<std::size_t>(n)) {
+        // Slots past a bucket's members are read and ignored; give them a value once.
+        std::fill(slots_.get(), slots_.get() + static_cast<std::size_t>(2 * n + 1) * rank_slots, 0.0);
+    }
 
     void rank(const double* x, double* out);
 
 private:
     void build_table(int present);
     void rank_by_sorting(const double* x, double* out);
-    void assign_buckets(const double* x, double lo, double scale);
+    void assign_buckets(const double* x, double lo, double scale, int buckets);
+    bool rank_in_slots(const double* x, double lo, double span, double* out);
+    void rank_in_runs(const double* x, double lo, double span, double* out);
 
     int n_;
     int buckets_;  // missing values go to the extra bucket `buckets_`
+    // The fast way: 2n buckets of eight slots each (a cache line), filled in
+    // one pass; a day that crowds more than eight values into a bucket takes
+    // the general way instead.
+    int slotted_buckets_;
+    Storage slots_;
+    std::vector<int> count_;
+    std::vector<int> below_;
     std::vector<int> bucket_;
     std::vector<int> place_;  // a value's place among its bucket's members, in arrival order
     std::vector<int> start_;
@@ -162,14 +177,14 @@ inline void Ranker::rank_by_sorting(const double* x, double* out) {
     }
 }
 
-inline void Ranker::assign_buckets(const double* x, double lo, double scale) {
+inline void Ranker::assign_buckets(const double* x, double lo, double scale, int buckets) {
     const int n = n_;
-    const double top = static_cast<double>(buckets_ - 1);
+    const double top = static_cast<double>(buckets - 1);
     int* bucket = bucket_.data();
     int i = 0;
 #if defined(TALLOWMERE_ENGINE_AVX2_CODE)
     const __m256d low = _mm256_set1_pd(lo), factor = _mm256_set1_pd(scale), last = _mm256_set1_pd(top);
-    const __m128i absent = _mm_set1_epi32(buckets_);
+    const __m128i absent = _mm_set1_epi32(buckets);
     for (; i + 4 <= n; i += 4) {
         __m256d v = _mm256_loadu_pd(x + i);
         // min keeps a missing value's NaN, which converts to INT_MIN: above `absent` unsigned
@@ -179,7 +194,7 @@ inline void Ranker::assign_buckets(const double* x, double lo, double scale) {
 #endif
     for (; i < n; ++i) {
         double q = (x[i] - lo) * scale;
-        bucket[i] = x[i] == x[i] ? static_cast<int>(q < top ? q : top) : buckets_;
+        bucket[i] = x[i] == x[i] ? static_cast<int>(q < top ? q : top) : buckets;
     }
 }
 
@@ -221,9 +236,81 @@ inline void Ranker::rank(const double* x, double* out) {
         for (int k = 0; k < n; ++k) out[k] = x[k] == x[k] ? 0.5 : missing();
         return;
     }
+    if (!rank_in_slots(x, lo, span, out)) rank_in_runs(x, lo, span, out);
+}
 
+// A value's rank: the values in the buckets below its own, plus its place
+// among its bucket's members (at most eight, compared in one step).
+inline bool Ranker::rank_in_slots(const double* x, double lo, double span, double* out) {
+    const int n = n_;
+    const int buckets = slotted_buckets_;
+    assign_buckets(x, lo, static_cast<double>(buckets - 1) / span, buckets);
+    const int* bucket = bucket_.data();
+    int* count = count_.data();
+    double* slots = slots_.get();
+    std::fill(count, count + buckets + 1, 0);
+    int crowded = 0;
+    for (int k = 0; k < n; ++k) {
+        const int b = bucket[k];
+        const int members = count[b];
+        slots[b * rank_slots + (members & (rank_slots - 1))] = x[k];
+        count[b] = members + 1;
+        crowded |= members >= rank_slots ? 1 : 0;
+    }
+    if (crowded) return false;
+    int* below = below_.data();
+    int present = 0;
+    for (int b = 0; b < buckets; ++b) {
+        below[b] = present;
+        present += count[b];
+    }
+    if (present == 1) {
+        for (int k = 0; k < n; ++k) out[k] = bucket[k] < buckets ? 0.5 : missing();
+        return true;
+    }
+    build_table(present);
+    const double* table = table_.data();
+    for (int k = 0; k < n; ++k) {
+        const int b = bucket[k];
+        if (b == buckets) {
+            out[k] = missing();
+            continue;
+        }
+        const double* members = slots + b * rank_slots;
+        const int size = count[b];
+        int less, equal;
+#if defined(TALLOWMERE_ENGINE_AVX2_CODE)
+        const __m256d value = _mm256_set1_pd(x[k]);
+        const __m256d low = _mm256_load_pd(members), high = _mm256_load_pd(members + 4);
+        const unsigned mask = (1u << size) - 1;
+        const unsigned smaller = static_cast<unsigned>(_mm256_movemask_pd(_mm256_cmp_pd(low, value, _CMP_LT_OQ)) |
+                                                       (_mm256_movemask_pd(_mm256_cmp_pd(high, value, _CMP_LT_OQ)) << 4));
+        const unsigned same = static_cast<unsigned>(_mm256_movemask_pd(_mm256_cmp_pd(low, value, _CMP_EQ_OQ)) |
+                                                    (_mm256_movemask_pd(_mm256_cmp_pd(high, value, _CMP_EQ_OQ)) << 4));
+        less = __builtin_popcount(smaller & mask);
+        equal = __builtin_popcount(same & mask);
+#else
+        less = 0;
+        equal = 0;
+        for (int q = 0; q < rank_slots; ++q) {
+            int inside = q < size ? 1 : 0;
+            less += inside & (members[q] < x[k] ? 1 : 0);
+            equal += inside & (members[q] == x[k] ? 1 : 0);
+        }
+#endif
+        // the tie group runs from position below + less to below + less + equal - 1
+        out[k] = table[2 * (below[b] + less) + equal - 1];
+    }
+    return true;
+}
+
+// The general way, for days that crowd a bucket (many ties, or a far
+// outlier): n buckets laid out one after another, crowded ones sorted and
+// searched.
+inline void Ranker::rank_in_runs(const double* x, double lo, double span, double* out) {
+    const int n = n_;
     const int buckets = buckets_;
-    assign_buckets(x, lo, static_cast<double>(buckets - 1) / span);
+    assign_buckets(x, lo, static_cast<double>(buckets - 1) / span, buckets);
     const int* bucket = bucket_.data();
     int* place = place_.data();
     int* start = start_.data();
