@@ -1,5 +1,5 @@
 // The day-by-day evaluator. This file is compiled once per instruction set
-// (see evaluator_generic.cpp and evaluator_avx2.cpp), inside a namespace of
+// (evaluator.cpp for any processor, evaluator_avx2.cpp), inside a namespace of
 // its own, so every loop below is vectorised for the processor it runs on.
 //
 // Every operation is the same sequence of IEEE operations as the numpy
