@@ -7,7 +7,7 @@ SHELL := /bin/bash
 VENV := .venv
 VPY := $(VENV)/bin/python
 BUILD_DIR := build/release
-NATIVE_INPUTS := $(shell find tallowmere_library/native_sources -name '*.cpp' -o -name '*.hpp') CMakeLists.txt pyproject.toml
+NATIVE_INPUTS := $(shell find tallowmere_library/native_sources -name '*.cpp' -o -name '*.hpp' -o -name '*.inl') CMakeLists.txt pyproject.toml
 PYTHON_SOURCES := $(shell find tallowmere_library/src -type f -not -path '*/__pycache__/*')
 BUILD_TOOLS := "scikit-build-core>=0.10,<2" "cmake>=3.26,<5" "ninja>=1.11,<2"
 PYTEST_ARGS ?=
@@ -58,6 +58,7 @@ demo: install
 # printed as one table (see the README for the figures).
 bench: install
 	$(VPY) bench/bench_client.py
+	$(VPY) bench/bench_simulation.py
 
 # An sdist and a wheel (the wheel is built from the sdist, so the sdist is
 # known to build from scratch); the wheel is then installed into a fresh

@@ -12,7 +12,12 @@ import pytest
 from simulation_support import reversal_graph
 from tallowmere.simulation import MarketPanel, default_panel, simulate_signal
 from tallowmere.simulation.market_panel import FloatArray
-from tallowmere.simulation.synthetic_market import build_synthetic_panel
+from tallowmere.simulation.synthetic_market import (
+    CACHE_VARIABLE,
+    build_synthetic_panel,
+    load_default_panel,
+    panel_cache_path,
+)
 
 CATALOG_DOC = Path(__file__).resolve().parent.parent / "README.md"
 
@@ -86,3 +91,32 @@ def test_the_in_sample_split_must_fit_the_panel(in_sample_days: object, message:
 def test_a_panel_carries_its_own_split() -> None:
     with pytest.raises(ValueError, match="a MarketPanel carries its own"):
         simulate_signal(reversal_graph(), data=default_panel(), in_sample_days=100)
+
+
+def test_the_default_panel_is_kept_in_a_cache_file_that_later_processes_read(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setenv(CACHE_VARIABLE, str(tmp_path / "cache"))
+    path = panel_cache_path()
+    assert path is not None and path.parent == tmp_path / "cache" and not path.exists()
+    built = load_default_panel()  # builds and keeps the file
+    assert path.exists() and not list(path.parent.glob(".panel-*"))
+    read = load_default_panel()
+    for field in ("open", "high", "low", "close", "volume", "returns", "vwap"):
+        np.testing.assert_array_equal(read.field(field), built.field(field))
+        assert not read.field(field).flags.writeable
+    assert read.contract_projection() == built.contract_projection()
+
+    path.write_bytes(b"damaged")  # a damaged file is rebuilt and replaced
+    np.testing.assert_array_equal(load_default_panel().close, built.close)
+    np.testing.assert_array_equal(np.load(path)[3], built.close)
+
+    monkeypatch.setenv(CACHE_VARIABLE, "")
+    assert panel_cache_path() is None
+
+
+def test_a_cache_that_cannot_be_written_is_not_kept(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    blocker = tmp_path / "file"
+    blocker.write_text("not a directory")
+    monkeypatch.setenv(CACHE_VARIABLE, str(blocker / "cache"))
+    np.testing.assert_array_equal(load_default_panel().close, default_panel().close)

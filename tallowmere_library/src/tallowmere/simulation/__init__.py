@@ -13,6 +13,7 @@ stays cheap:
   named universes.
 
 The local simulator is exported here as well: :func:`simulate_signal`,
+:func:`simulate_signals` (many graphs, on threads or any executor),
 :class:`SimulationResult`, :class:`MarketPanel` and :func:`default_panel`.
 They are loaded on first use, so importing this package does not import
 numpy.
@@ -25,10 +26,11 @@ from __future__ import annotations
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from tallowmere.simulation.market_panel import MarketPanel
+    from tallowmere.simulation.parallel import simulate_signals
     from tallowmere.simulation.simulator import SimulationResult, simulate_signal
     from tallowmere.simulation.synthetic_market import default_panel
 
-__all__ = ["MarketPanel", "SimulationResult", "default_panel", "simulate_signal"]
+__all__ = ["MarketPanel", "SimulationResult", "default_panel", "simulate_signal", "simulate_signals"]
 
 # Exported name -> the submodule that defines it.
 _LAZY_EXPORTS: dict[str, str] = {
@@ -36,6 +38,7 @@ _LAZY_EXPORTS: dict[str, str] = {
     "SimulationResult": "tallowmere.simulation.simulator",
     "default_panel": "tallowmere.simulation.synthetic_market",
     "simulate_signal": "tallowmere.simulation.simulator",
+    "simulate_signals": "tallowmere.simulation.parallel",
 }
 
 

@@ -1,6 +1,8 @@
 """Cross-sectional kernels: each day (row) of a days × assets matrix on its own.
 
 Missing values (NaN) are left out of every day's statistics and stay missing.
+Sums across a day's assets are :func:`lane_sums`, the order of additions the
+compiled engine uses too.
 """
 
 from __future__ import annotations
@@ -10,14 +12,47 @@ import numpy as np
 from tallowmere.simulation.market_panel import FloatArray
 from tallowmere.simulation.rolling import flat_spread
 
-__all__ = ["cross_sectional_demean", "cross_sectional_rank", "cross_sectional_zscore", "row_means"]
+__all__ = [
+    "LANES",
+    "cross_sectional_demean",
+    "cross_sectional_rank",
+    "cross_sectional_zscore",
+    "lane_sums",
+    "row_means",
+]
+
+LANES = 8
+"""Lanes of a row sum: lane ``j`` adds the columns ``j``, ``j + 8``, ``j + 16``, ... in order."""
+
+
+def lane_sums(values: FloatArray) -> FloatArray:
+    """Sum each row of a 2-D matrix, as a column.
+
+    Lane ``j`` adds the row's columns ``i`` with ``i % 8 == j`` from left to
+    right, starting from 0.0; the eight lane totals then add pairwise:
+    ``((l0 + l1) + (l2 + l3)) + ((l4 + l5) + (l6 + l7))``. The order is fixed
+    (numpy's own summation order is not part of its interface), so the
+    compiled engine adds in exactly the same order and gets the same sums.
+    """
+    rows, columns = values.shape
+    lanes = np.zeros((rows, LANES))
+    full = columns - columns % LANES
+    for start in range(0, full, LANES):
+        lanes += values[:, start : start + LANES]
+    if full < columns:
+        lanes[:, : columns - full] += values[:, full:]
+    totals = ((lanes[:, 0] + lanes[:, 1]) + (lanes[:, 2] + lanes[:, 3])) + (
+        (lanes[:, 4] + lanes[:, 5]) + (lanes[:, 6] + lanes[:, 7])
+    )
+    column: FloatArray = totals[:, np.newaxis]
+    return column
 
 
 def row_means(values: FloatArray) -> FloatArray:
     """Mean of each row over its present values, as a column (NaN for a row with none)."""
     present = ~np.isnan(values)
     counts = present.sum(axis=1, keepdims=True)
-    totals = np.where(present, values, 0.0).sum(axis=1, keepdims=True)
+    totals = lane_sums(np.where(present, values, 0.0))
     with np.errstate(divide="ignore", invalid="ignore"):
         means: FloatArray = totals / counts
     return means
@@ -37,7 +72,7 @@ def cross_sectional_zscore(values: FloatArray) -> FloatArray:
     deviations = values - means
     present = ~np.isnan(values)
     counts = present.sum(axis=1, keepdims=True)
-    squares = np.where(present, deviations * deviations, 0.0).sum(axis=1, keepdims=True)
+    squares = lane_sums(np.where(present, deviations * deviations, 0.0))
     squares[flat_spread(squares, means, counts)] = 0.0
     with np.errstate(divide="ignore", invalid="ignore"):
         scores: FloatArray = deviations / np.sqrt(squares / counts)

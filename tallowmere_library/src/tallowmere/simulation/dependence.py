@@ -12,6 +12,7 @@ give ``math.inf``.
 from __future__ import annotations
 
 import math
+from collections.abc import Sequence
 from functools import cache
 from statistics import NormalDist
 
@@ -19,7 +20,7 @@ import numpy as np
 
 from tallowmere.simulation.market_panel import FloatArray
 
-__all__ = ["copula_mutual_information", "pearson_correlation"]
+__all__ = ["copula_mutual_information", "largest_copula_mutual_information", "pearson_correlation"]
 
 # Rank correlations within this distance of ±1 are perfect dependence; the
 # gap left is rounding, not information.
@@ -82,7 +83,32 @@ def copula_mutual_information(left: FloatArray, right: FloatArray) -> float:
         raise ValueError(f"series to compare must be 1-D and of equal length, got {left.shape} and {right.shape}")
     if left.size < 2:
         return 0.0
-    rho = pearson_correlation(_normal_scores(left), _normal_scores(right))
+    return _information(pearson_correlation(_normal_scores(left), _normal_scores(right)))
+
+
+def _information(rho: float) -> float:
     if abs(rho) >= 1.0 - _PERFECT_DEPENDENCE_GAP:
         return math.inf
     return -0.5 * math.log1p(-rho * rho)
+
+
+def largest_copula_mutual_information(series: FloatArray, others: Sequence[FloatArray]) -> float:
+    """The largest :func:`copula_mutual_information` of ``series`` with any of ``others``; 0.0 without any.
+
+    ``series``'s normal scores are computed once, and the search stops at the first ``math.inf``.
+    """
+    largest = 0.0
+    scores: FloatArray | None = None
+    for other in others:
+        if other.shape != series.shape or other.ndim != 1:
+            raise ValueError(
+                f"series to compare must be 1-D and of equal length, got {series.shape} and {other.shape}"
+            )
+        if series.size < 2:
+            continue
+        if scores is None:
+            scores = _normal_scores(series)
+        largest = max(largest, _information(pearson_correlation(scores, _normal_scores(other))))
+        if math.isinf(largest):
+            break
+    return largest

@@ -74,13 +74,29 @@ def _constant(node: Mapping[str, object], path: str, operator: Operator) -> floa
     return float(value)
 
 
+# Plain dictionaries for the lookups made on every node.
+_OPERATORS_BY_NAME: dict[str, Operator] = dict(OPERATORS)
+_PARAMETERS: dict[str, tuple[str, ...]] = {name: operator.parameters for name, operator in OPERATORS.items()}
+
+
+def _check_parameters(node: Mapping[str, object], path: str, op: str, parameters: tuple[str, ...]) -> None:
+    given = {key for key in node if key not in ("op", "args")}
+    missing = [name for name in parameters if name not in given]
+    if missing:
+        raise _node_error(path, op, f"missing required parameter {missing[0]!r}")
+    unexpected = sorted(str(key) for key in given if key not in parameters)
+    if unexpected:
+        accepted = ", ".join(repr(name) for name in parameters) or "no parameters"
+        raise _node_error(path, op, f"unexpected parameter {unexpected[0]!r}; {op} takes {accepted}")
+
+
 def _compile_node(node: object, path: str, day_count: int) -> ExpressionNode:
     if not isinstance(node, Mapping):
         raise ValueError(f"graph node at {path}: a node must be an object (dict), got {type(node).__name__}")
     op = node.get("op")
     if not isinstance(op, str):
         raise ValueError(f"graph node at {path}: 'op' must be a non-empty string")
-    operator = OPERATORS.get(op)
+    operator = _OPERATORS_BY_NAME.get(op)
     if operator is None:
         raise _node_error(path, op, _unknown_operator_message(op))
 
@@ -91,18 +107,15 @@ def _compile_node(node: object, path: str, day_count: int) -> ExpressionNode:
         expected = "no arguments" if operator.arity == 0 else f"{operator.arity} argument(s)"
         raise _node_error(path, op, f"expects {expected}, got {len(args)}")
 
-    given = {key for key in node if key not in ("op", "args")}
-    missing = [name for name in operator.parameters if name not in given]
-    if missing:
-        raise _node_error(path, op, f"missing required parameter {missing[0]!r}")
-    unexpected = sorted(str(key) for key in given if key not in operator.parameters)
-    if unexpected:
-        accepted = ", ".join(repr(name) for name in operator.parameters) or "no parameters"
-        raise _node_error(path, op, f"unexpected parameter {unexpected[0]!r}; {op} takes {accepted}")
+    parameters = _PARAMETERS[op]
+    # Exactly "op", the parameters and maybe "args": nothing missing and nothing more.
+    exact = len(node) == 1 + len(parameters) + ("args" in node) and all(name in node for name in parameters)
+    if not exact:
+        _check_parameters(node, path, op, parameters)
 
     window = _window(node, path, operator, day_count) if operator.min_window else 0
     value = _constant(node, path, operator) if operator.kind == "constant" else 0.0
-    children = tuple(_compile_node(child, f"{path}.args[{index}]", day_count) for index, child in enumerate(args))
+    children = tuple([_compile_node(child, f"{path}.args[{index}]", day_count) for index, child in enumerate(args)])
     return ExpressionNode(operator, children, window, value)
 
 

@@ -1,8 +1,9 @@
 """The statistics of a simulated signal over one period (in-sample or out-of-sample).
 
-For a period of ``n`` days with daily PnL ``p`` and weights ``w`` formed on
-those days (``w_prev`` the weights of the day before the period, zero before
-the first day):
+They are read off the :class:`~tallowmere.simulation.portfolio.DailyBook`, the
+book's figures of every day. For a period of ``n`` days with daily PnL ``p``
+and weights ``w`` formed on those days (the weights of the day before the
+period are zero before the first day of the panel):
 
 - ``sharpe``: ``mean(p) / std(p, ddof=1) * sqrt(252)``; 0.0 when the PnL
   does not vary (a flat or degenerate signal);
@@ -26,6 +27,7 @@ import numpy as np
 
 from tallowmere.simulation.dependence import pearson_correlation
 from tallowmere.simulation.market_panel import FloatArray
+from tallowmere.simulation.portfolio import DailyBook
 
 __all__ = ["ANNUALISATION_DAYS", "STATISTIC_NAMES", "annualised_sharpe", "period_statistics"]
 
@@ -62,27 +64,24 @@ def _finite(value: float) -> float:
 
 
 def period_statistics(
-    pnl: FloatArray,
-    weights: FloatArray,
-    previous_weights: FloatArray,
+    book: DailyBook,
+    start: int,
+    stop: int,
     references: Sequence[FloatArray],
 ) -> dict[str, float]:
-    """Compute the statistics of one period.
+    """Compute the statistics of the period of days ``start`` to ``stop`` (exclusive).
 
-    ``pnl`` holds the PnL earned on the period's days, ``weights`` the
-    weights formed on them (days × assets), ``previous_weights`` the weights
-    of the day before the period, and ``references`` other PnL series over
-    the same days as ``pnl``.
+    ``references`` are other PnL series over the same days as the period.
     """
-    if weights.shape[0] == 0:
+    if stop <= start:
         return dict.fromkeys(STATISTIC_NAMES, 0.0)
-    changes = np.diff(weights, axis=0, prepend=previous_weights[np.newaxis, :])
+    pnl = book.pnl[start:stop]
     statistics = {
         "sharpe": annualised_sharpe(pnl),
-        "turnover": float(np.abs(changes).sum(axis=1).mean() / 2.0),
-        "delta_exposure": float(np.abs(weights.sum(axis=1)).mean()),
-        "max_weight": float(np.abs(weights).max()),
-        "abs_weight_sum_mean": float(np.abs(weights).sum(axis=1).mean()),
+        "turnover": float(book.traded[start:stop].mean() / 2.0),
+        "delta_exposure": float(np.abs(book.net[start:stop]).mean()),
+        "max_weight": float(book.largest[start:stop].max()),
+        "abs_weight_sum_mean": float(book.gross[start:stop].mean()),
         "correlation": max((abs(pearson_correlation(pnl, reference)) for reference in references), default=0.0),
     }
     return {name: _finite(value) for name, value in statistics.items()}

@@ -4,45 +4,40 @@
 
 1. checks the whole graph against the operator set (nothing is evaluated
    before every node passes);
-2. evaluates the graph in blocks of :data:`EVALUATION_BLOCK_DAYS` days, each
-   block reading just enough earlier rows to fill its windows, and turns each
-   block's values into portfolio weights;
+2. evaluates the graph over the panel and turns each day's values into
+   portfolio weights, with the evaluator :mod:`~tallowmere.simulation.engines`
+   chooses (the compiled engine unless told otherwise);
 3. earns each day's weights on the next day's returns;
 4. measures the in-sample and out-of-sample periods and the mutual
    information with the reference PnLs;
 5. records the backtest timing that ``submit_signal`` requires.
 
 Timing: the whole backtest (steps 1 to 4, after the panel is at hand) is
-measured with :func:`time.perf_counter`. Each block's wall time (expression
-and weights) is shared equally among its days, and the slowest day recorded
-is the largest such share: a vectorised evaluation does not take the days one
-at a time, so no finer honest measure exists.
+measured with :func:`time.perf_counter`. The compiled engine times every day
+(expression and weights) with a monotonic clock, and the slowest day
+recorded is the slowest day measured; the numpy reference evaluates blocks of
+days, and shares each block's time equally among its days.
 """
 
 from __future__ import annotations
 
-import math
 import time
 from collections.abc import Mapping
 from dataclasses import dataclass, field
 from typing import TypedDict
 
-import numpy as np
 import numpy.typing as npt
 
 from tallowmere.simulation.backtest_timing import BacktestTimingRecord, record_backtest_timing
-from tallowmere.simulation.dependence import copula_mutual_information
-from tallowmere.simulation.expression import ExpressionNode, compile_expression, evaluate_expression
+from tallowmere.simulation.dependence import largest_copula_mutual_information
+from tallowmere.simulation.engines import EVALUATION_BLOCK_DAYS, evaluate_book, resolve_engine
+from tallowmere.simulation.expression import compile_expression
 from tallowmere.simulation.market_panel import FloatArray, MarketPanel
-from tallowmere.simulation.portfolio import daily_pnl, signal_weights
-from tallowmere.simulation.reference_pnls import ReferencePnl, ReferencePnls, prepare_reference_pnls
+from tallowmere.simulation.reference_pnls import ReferencePnls, prepare_reference_pnls
 from tallowmere.simulation.signal_statistics import period_statistics
 from tallowmere.simulation.synthetic_market import default_panel
 
-__all__ = ["EVALUATION_BLOCK_DAYS", "SimulationResult", "SubmissionArguments", "simulate_signal"]
-
-EVALUATION_BLOCK_DAYS = 63
-"""Days evaluated together (a quarter of daily data); the unit of the per-day timing."""
+__all__ = ["EVALUATION_BLOCK_DAYS", "SimulationResult", "SubmissionArguments", "resolve_panel", "simulate_signal"]
 
 # perf_counter can return equal readings around a very short step; a timing
 # is never reported below this many seconds.
@@ -98,11 +93,12 @@ class SimulationResult:
         }
 
 
-def _resolve_panel(
+def resolve_panel(
     data: MarketPanel | Mapping[str, npt.ArrayLike] | None,
-    frequency: str | None,
-    in_sample_days: int | None,
+    frequency: str | None = None,
+    in_sample_days: int | None = None,
 ) -> MarketPanel:
+    """The panel ``simulate_signal`` runs on for its ``data``, ``frequency`` and ``in_sample_days``."""
     if isinstance(data, MarketPanel):
         if frequency is not None or in_sample_days is not None:
             raise ValueError(
@@ -123,49 +119,6 @@ def _resolve_panel(
     )
 
 
-@dataclass(frozen=True, slots=True)
-class _Evaluation:
-    weights: FloatArray
-    expression_seconds: float
-    max_row_seconds: float
-
-
-def _evaluate_in_blocks(root: ExpressionNode, panel: MarketPanel) -> _Evaluation:
-    """Evaluate the graph block by block and turn every block into weights, timing each block."""
-    weights = np.zeros((panel.day_count, panel.asset_count))
-    expression_seconds = 0.0
-    max_row_seconds = 0.0
-    for start in range(0, panel.day_count, EVALUATION_BLOCK_DAYS):
-        stop = min(start + EVALUATION_BLOCK_DAYS, panel.day_count)
-        began = time.perf_counter()
-        values = evaluate_expression(root, panel, start, stop)
-        evaluated = time.perf_counter()
-        weights[start:stop] = signal_weights(values)
-        finished = time.perf_counter()
-        expression_seconds += evaluated - began
-        max_row_seconds = max(max_row_seconds, (finished - began) / (stop - start))
-    weights.setflags(write=False)
-    return _Evaluation(
-        weights=weights,
-        expression_seconds=max(expression_seconds, _SHORTEST_TIMING),
-        max_row_seconds=max(max_row_seconds, _SHORTEST_TIMING),
-    )
-
-
-def _largest_mutual_information(is_pnl: FloatArray, references: tuple[ReferencePnl, ...]) -> float:
-    largest = 0.0
-    for reference in references:
-        largest = max(largest, copula_mutual_information(is_pnl, reference.in_sample))
-        if math.isinf(largest):
-            break
-    return largest
-
-
-def _readonly(values: FloatArray) -> FloatArray:
-    values.setflags(write=False)
-    return values
-
-
 def simulate_signal(
     graph: Mapping[str, object],
     *,
@@ -174,6 +127,7 @@ def simulate_signal(
     record_timing: bool = True,
     frequency: str | None = None,
     in_sample_days: int | None = None,
+    engine: str | None = None,
 ) -> SimulationResult:
     """Backtest ``graph`` and return its statistics, PnL and recorded timing.
 
@@ -190,33 +144,36 @@ def simulate_signal(
     ``graph``, after which ``require_recorded_backtest_timing(graph)``
     passes and the graph can be submitted.
 
+    ``engine`` names the evaluator, ``"native"`` or ``"reference"`` (see
+    :mod:`tallowmere.simulation.engines`); by default the environment
+    variable ``TALLOWMERE_SIMULATION_ENGINE`` decides, else the compiled engine.
+
     Raises ``ValueError`` for a graph that does not check (naming the node),
     bad data or bad references, before anything is evaluated.
     """
-    panel = _resolve_panel(data, frequency, in_sample_days)
+    panel = resolve_panel(data, frequency, in_sample_days)
+    chosen = resolve_engine(engine)
     began = time.perf_counter()
     root = compile_expression(graph, day_count=panel.day_count)
     references = prepare_reference_pnls(
         reference_pnls, day_count=panel.day_count, in_sample_days=panel.in_sample_days
     )
 
-    evaluation = _evaluate_in_blocks(root, panel)
-    split = panel.in_sample_days
-    weights = evaluation.weights
-    pnl = _readonly(daily_pnl(weights, panel.returns))
+    evaluation = evaluate_book(root, panel, chosen)
+    split, days = panel.in_sample_days, panel.day_count
+    book = evaluation.book
+    pnl = book.pnl
     is_pnl, os_pnl = pnl[:split], pnl[split:]
-    no_position = np.zeros(panel.asset_count)
-    is_stats = period_statistics(
-        is_pnl, weights[:split], no_position, [reference.in_sample for reference in references]
-    )
+    is_stats = period_statistics(book, 0, split, [reference.in_sample for reference in references])
     os_stats = period_statistics(
-        os_pnl,
-        weights[split:],
-        weights[split - 1],
+        book,
+        split,
+        days,
         [reference.out_of_sample for reference in references if reference.out_of_sample is not None],
     )
-    is_pnl_mi = _largest_mutual_information(is_pnl, references)
+    is_pnl_mi = largest_copula_mutual_information(is_pnl, [reference.in_sample for reference in references])
     backtest_seconds = max(time.perf_counter() - began, _SHORTEST_TIMING)
+    max_row_seconds = max(evaluation.max_row_seconds, _SHORTEST_TIMING)
 
     timing: BacktestTimingRecord | None = None
     if record_timing:
@@ -224,20 +181,20 @@ def simulate_signal(
             graph,
             elapsed_seconds=backtest_seconds,
             row_count=panel.day_count,
-            max_row_elapsed_seconds=evaluation.max_row_seconds,
+            max_row_elapsed_seconds=max_row_seconds,
             frequency=panel.frequency,
         )
     return SimulationResult(
         is_stats=is_stats,
         os_stats=os_stats,
         is_pnl_mi=is_pnl_mi,
-        expression_elapsed_seconds=evaluation.expression_seconds,
+        expression_elapsed_seconds=max(evaluation.expression_seconds, _SHORTEST_TIMING),
         backtest_elapsed_seconds=backtest_seconds,
-        max_row_elapsed_seconds=evaluation.max_row_seconds,
+        max_row_elapsed_seconds=max_row_seconds,
         pnl=pnl,
         is_pnl=is_pnl,
         os_pnl=os_pnl,
-        weights=weights,
+        weights=evaluation.weights,
         timing=timing,
         data_contract=panel.contract_projection(),
     )

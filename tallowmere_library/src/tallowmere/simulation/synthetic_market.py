@@ -21,24 +21,35 @@ day's prices (within the day's range), and volume is positive, higher on big
 moves and on abnormal-volume days. Expressions built on these effects are
 predictive in and out of sample; expressions unrelated to them, such as
 week-old returns, are not.
+
+Building the panel takes some 50 ms (most of it drawing two million random
+numbers), so the first build on a machine is kept in a cache file, which
+every later process reads in a few milliseconds: see :func:`panel_cache_path`.
 """
 
 from __future__ import annotations
 
+import contextlib
+import os
+import tempfile
 from functools import cache
+from pathlib import Path
 
 import numpy as np
 
-from tallowmere.simulation.market_panel import FloatArray, MarketPanel
+from tallowmere.simulation.market_panel import FIELD_NAMES, FloatArray, MarketPanel
 
 __all__ = [
     "ASSET_COUNT",
+    "CACHE_VARIABLE",
     "DATASET_NAME",
     "DAY_COUNT",
     "FREQUENCY",
     "IN_SAMPLE_DAYS",
     "build_synthetic_panel",
     "default_panel",
+    "load_default_panel",
+    "panel_cache_path",
 ]
 
 DATASET_NAME = "tallowmere-synthetic-v1"
@@ -143,7 +154,79 @@ def build_synthetic_panel() -> MarketPanel:
     )
 
 
+CACHE_VARIABLE = "TALLOWMERE_CACHE_DIR"
+"""The directory of the default panel's cache file; set to an empty value to keep no file."""
+
+# Bumped when the file's layout changes.
+_CACHE_LAYOUT = 1
+
+
+def panel_cache_path() -> Path | None:
+    """Where the default panel's cache file lives, or None when caching is turned off.
+
+    The directory is :data:`CACHE_VARIABLE` if set (empty: no cache), else
+    ``$XDG_CACHE_HOME/tallowmere``, else ``~/.cache/tallowmere``. The file
+    name holds the dataset's name and numpy's version, whose generator draws
+    the numbers: another numpy builds and keeps a file of its own.
+    """
+    configured = os.environ.get(CACHE_VARIABLE)
+    if configured is not None:
+        if not configured.strip():
+            return None
+        directory = Path(configured)
+    else:
+        base = os.environ.get("XDG_CACHE_HOME") or str(Path.home() / ".cache")
+        directory = Path(base) / "tallowmere"
+    return directory / f"{DATASET_NAME}-numpy{np.__version__}-layout{_CACHE_LAYOUT}.npy"
+
+
+def _read_cached_panel(path: Path) -> MarketPanel | None:
+    try:
+        fields = np.load(path, mmap_mode="r", allow_pickle=False)
+    except (OSError, ValueError):
+        return None
+    if fields.shape != (len(FIELD_NAMES), DAY_COUNT, ASSET_COUNT) or fields.dtype != np.float64:
+        return None
+    matrices = dict(zip(FIELD_NAMES, fields, strict=True))
+    try:
+        return MarketPanel(**matrices, in_sample_days=IN_SAMPLE_DAYS, frequency=FREQUENCY, name=DATASET_NAME)
+    except ValueError:  # a damaged file (an infinity where none can be)
+        return None
+
+
+def _write_cached_panel(panel: MarketPanel, path: Path) -> None:
+    """Keep the panel for later processes; a cache that cannot be written is simply not kept."""
+    try:
+        path.parent.mkdir(parents=True, exist_ok=True)
+        descriptor, temporary = tempfile.mkstemp(dir=path.parent, prefix=".panel-", suffix=".npy")
+    except OSError:
+        return
+    try:
+        with os.fdopen(descriptor, "wb") as handle:
+            np.save(handle, np.stack([panel.field(name) for name in FIELD_NAMES]), allow_pickle=False)
+        os.replace(temporary, path)  # readers see the old file or the whole new one
+    except OSError:
+        with contextlib.suppress(OSError):
+            os.unlink(temporary)
+
+
+def load_default_panel() -> MarketPanel:
+    """Read the default dataset from its cache file, or build it and write the file.
+
+    Use :func:`default_panel`, which does this once per process.
+    """
+    path = panel_cache_path()
+    if path is not None:
+        cached = _read_cached_panel(path)
+        if cached is not None:
+            return cached
+    panel = build_synthetic_panel()
+    if path is not None:
+        _write_cached_panel(panel, path)
+    return panel
+
+
 @cache
 def default_panel() -> MarketPanel:
-    """Return the default dataset, built once per process (its arrays are read-only)."""
-    return build_synthetic_panel()
+    """Return the default dataset, loaded once per process (its arrays are read-only)."""
+    return load_default_panel()
