@@ -37,7 +37,7 @@ from typing import Any, Final
 import tallowmere
 from tallowmere.simulation.backtest_timing import record_backtest_timing
 from tallowmere.simulation.graph_complexity import graph_fingerprint
-from tallowmere.simulation.simulator import SubmissionArguments
+from tallowmere.simulation.simulator import SimulationResult, SubmissionArguments
 
 CACHE_VARIABLE: Final = "TALLOWMERE_CACHE_DIR"
 ENTRY_FORMAT: Final = 1
@@ -252,17 +252,9 @@ def _now() -> str:
     return datetime.now(UTC).isoformat(timespec="seconds").replace("+00:00", "Z")
 
 
-def _simulate_anew(graph: Mapping[str, Any]) -> Simulation | SimulationProblem:
-    from tallowmere.simulation import simulate_signal
-
-    try:
-        result = simulate_signal(graph)
-    except ValueError as exc:
-        return SimulationProblem(str(exc))
-    except RecursionError:
-        return SimulationProblem(f"the graph is nested too deeply (more than {MAX_GRAPH_NESTING} levels)")
+def _simulation_of(result: SimulationResult) -> Simulation | SimulationProblem:
     timing = result.timing
-    if timing is None:  # simulate_signal records by default; no timing means no submission
+    if timing is None:  # simulations record by default; no timing means no submission
         return SimulationProblem("the simulator recorded no backtest timing")
     return Simulation(
         is_stats=dict(result.is_stats),
@@ -278,12 +270,69 @@ def _simulate_anew(graph: Mapping[str, Any]) -> Simulation | SimulationProblem:
     )
 
 
+def _simulate_anew(graph: Mapping[str, Any]) -> Simulation | SimulationProblem:
+    from tallowmere.simulation import simulate_signal
+
+    try:
+        return _simulation_of(simulate_signal(graph))
+    except ValueError as exc:
+        return SimulationProblem(str(exc))
+    except RecursionError:
+        return SimulationProblem(f"the graph is nested too deeply (more than {MAX_GRAPH_NESTING} levels)")
+
+
+def _check_problem(graph: Mapping[str, Any], day_count: int) -> SimulationProblem | None:
+    from tallowmere.simulation.expression import compile_expression
+
+    try:
+        compile_expression(graph, day_count=day_count)
+    except ValueError as exc:
+        return SimulationProblem(str(exc))
+    except RecursionError:
+        return SimulationProblem(f"the graph is nested too deeply (more than {MAX_GRAPH_NESTING} levels)")
+    return None
+
+
+SIMULATION_WORKERS: Final = max(1, min(os.cpu_count() or 1, 8))
+"""Threads that simulate side by side (the compiled engine runs without the GIL)."""
+
+SIMULATION_ROUND: Final = 8 * SIMULATION_WORKERS
+"""Graphs simulated per round: each round's results are reported (and cached) before the next starts."""
+
+
 def _simulate_each(
     graphs: Sequence[Mapping[str, Any]], on_result: Callable[[int, Simulation | SimulationProblem], None]
 ) -> None:
-    """Simulate every graph anew, telling ``on_result`` each one's position and outcome as it is done."""
+    """Simulate every graph anew, telling ``on_result`` each one's position and outcome as it is done.
+
+    Graphs that do not check are reported at once; the others are simulated
+    on ``SIMULATION_WORKERS`` threads, a round at a time, so that an
+    interrupted run has kept every finished round. A round that fails while
+    simulating is simulated again one graph at a time, to tell which graph
+    failed and why.
+    """
+    from tallowmere.simulation import default_panel, simulate_signals
+
+    day_count = default_panel().day_count
+    runnable: list[int] = []
     for position, graph in enumerate(graphs):
-        on_result(position, _simulate_anew(graph))
+        problem = _check_problem(graph, day_count)
+        if problem is None:
+            runnable.append(position)
+        else:
+            on_result(position, problem)
+    for start in range(0, len(runnable), SIMULATION_ROUND):
+        positions = runnable[start : start + SIMULATION_ROUND]
+        try:
+            results = simulate_signals(
+                [graphs[position] for position in positions], workers=SIMULATION_WORKERS, keep_weights=False
+            )
+        except (ValueError, RecursionError):
+            for position in positions:
+                on_result(position, _simulate_anew(graphs[position]))
+            continue
+        for position, result in zip(positions, results, strict=True):
+            on_result(position, _simulation_of(result))
 
 
 def simulate_graphs(
