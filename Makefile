@@ -34,7 +34,7 @@ $(VENV)/.deps: pyproject.toml $(VENV)/.created
 # recompiled. Any change under the source trees reinstalls.
 $(VENV)/.installed: $(NATIVE_INPUTS) $(PYTHON_SOURCES) $(VENV)/.deps
 	$(VPY) -m pip install --quiet --no-build-isolation --no-deps --force-reinstall \
-		-Cbuild-dir=$(BUILD_DIR) .
+		-Cbuild-dir=$(BUILD_DIR) -Ccmake.define.TALLOWMERE_WERROR=ON .
 	@rm -f $(VENV)/.develop
 	@touch $@
 
