@@ -231,7 +231,9 @@ Ref fetch_era_catalog(const Module& m, const Ref& self) {
         bool fetched_here = PyTuple_Check(stamp.get()) && PyTuple_GET_SIZE(stamp.get()) == 2 &&
                             PyTuple_GET_ITEM(stamp.get(), 0) == cached.get();
         if (!fetched_here) return cached;
-        Ref age = Ref::checked(PyNumber_Subtract(monotonic_now(m).get(), PyTuple_GET_ITEM(stamp.get(), 1)));
+        Ref fetched_at(Borrowed(PyTuple_GET_ITEM(stamp.get(), 1)));
+        Ref now = monotonic_now(m);
+        Ref age = Ref::checked(PyNumber_Subtract(now.get(), fetched_at.get()));
         if (compare(age, floating(era_catalog_max_age_seconds), Py_LT)) return cached;
     }
 
