@@ -108,10 +108,24 @@ Ref new_tuple(std::initializer_list<Arg> items);
 // sequence[start:stop]
 Ref slice(const Ref& sequence, Py_ssize_t start, Py_ssize_t stop);
 Ref slice_to(const Ref& sequence, const Ref& stop);
+// Whether `iterable` is an exact list or tuple, walked by index: what their
+// iterators do (read item i while i is in range, as a new reference), without
+// making one.
+inline bool walked_by_index(const Ref& iterable) {
+    return PyList_CheckExact(iterable.get()) || PyTuple_CheckExact(iterable.get());
+}
+
 // for item in iterable: visit(item). Each item is a new reference, so a
 // container changed by `visit` (or by anything it calls) leaves nothing dangling.
 template <class Visit>
 void for_each(const Ref& iterable, Visit&& visit) {
+    if (walked_by_index(iterable)) {
+        for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(iterable.get()); ++i) {
+            Ref item(Borrowed(PySequence_Fast_GET_ITEM(iterable.get(), i)));
+            visit(item);
+        }
+        return;
+    }
     Ref iterator = Ref::checked(PyObject_GetIter(iterable.get()));
     while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) visit(item);
     if (PyErr_Occurred()) propagate();
@@ -135,6 +149,13 @@ void for_each_dict_item(const Ref& dict, Visit&& visit) {
 // a failure (or returned to the interpreter as NULL).
 template <class Visit>
 std::optional<Ref> find_first(const Ref& iterable, Visit&& visit) {
+    if (walked_by_index(iterable)) {
+        for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(iterable.get()); ++i) {
+            Ref item(Borrowed(PySequence_Fast_GET_ITEM(iterable.get(), i)));
+            if (std::optional<Ref> found = visit(item)) return found;
+        }
+        return std::nullopt;
+    }
     Ref iterator = Ref::checked(PyObject_GetIter(iterable.get()));
     while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
         if (std::optional<Ref> found = visit(item)) return found;
