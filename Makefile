@@ -12,7 +12,7 @@ PYTHON_SOURCES := $(shell find tallowmere_library/src -type f -not -path '*/__py
 BUILD_TOOLS := "scikit-build-core>=0.10,<2" "cmake>=3.26,<5" "ninja>=1.11,<2"
 PYTEST_ARGS ?=
 
-.PHONY: all install develop test demo bench check-memory dist clean
+.PHONY: all install develop test demo bench check-memory check-leaks check-sanitizers check-valgrind dist clean
 
 all: install
 
@@ -34,7 +34,7 @@ $(VENV)/.deps: pyproject.toml $(VENV)/.created
 # recompiled. Any change under the source trees reinstalls.
 $(VENV)/.installed: $(NATIVE_INPUTS) $(PYTHON_SOURCES) $(VENV)/.deps
 	$(VPY) -m pip install --quiet --no-build-isolation --no-deps --force-reinstall \
-		-Cbuild-dir=$(BUILD_DIR) .
+		-Cbuild-dir=$(BUILD_DIR) -Ccmake.define.TALLOWMERE_WERROR=ON .
 	@rm -f $(VENV)/.develop
 	@touch $@
 
@@ -76,10 +76,24 @@ clean:
 	rm -rf build dist $(VENV) $(ASAN_VENV) .pytest_cache
 
 # ---- memory safety -----------------------------------------------------------
-# The extension built with AddressSanitizer and UndefinedBehaviorSanitizer in a
-# virtual environment of its own, then the client's tests (the leak-repeat test
-# among them) with Python's allocator switched to malloc so that the sanitizer
-# sees every object. Any report fails the run.
+# Three checks, each of which can fail:
+#   check-leaks       the leak-repeat test on the release build under pymalloc,
+#                     whose block count it reads; a positive control proves it
+#                     catches a leak of one object per call.
+#   check-sanitizers  the client's tests on a build with AddressSanitizer and
+#                     UndefinedBehaviorSanitizer, Python's allocator switched to
+#                     malloc so that the sanitizer sees every object (the
+#                     leak-repeat test is left to check-leaks: it counts blocks
+#                     only under pymalloc). Any report fails the run.
+#   check-valgrind    memcheck over the fault, globals-fuzz and request tests on
+#                     the release build; it sees invalid accesses made inside
+#                     libpython, which carries no sanitizer instrumentation.
+#                     Suppressions: tools/valgrind-python.supp (libpython's noise).
+check-memory: check-leaks check-sanitizers check-valgrind
+
+check-leaks: install
+	PYTHONMALLOC=pymalloc $(VPY) -m pytest -p no:cacheprovider -q tests/test_submit_memory.py
+
 ASAN_VENV := .venv-asan
 # The C++ runtime is preloaded too: the sanitizer intercepts C++ exceptions only
 # when libstdc++ is present before the extension is loaded.
@@ -90,16 +104,32 @@ $(ASAN_VENV)/.installed: $(NATIVE_INPUTS) $(PYTHON_SOURCES) $(VENV)/.deps
 	$(ASAN_VENV)/bin/python -m pip install --quiet --upgrade "pip>=24" $(BUILD_TOOLS)
 	$(VPY) tools/project_requirements.py test service | $(ASAN_VENV)/bin/python -m pip install --quiet -r /dev/stdin
 	$(ASAN_VENV)/bin/python -m pip install --quiet --no-build-isolation --no-deps --force-reinstall \
-		-Cbuild-dir=build/asan -Ccmake.build-type=Debug -Ccmake.define.TALLOWMERE_SANITIZE=address .
+		-Cbuild-dir=build/asan -Ccmake.build-type=Debug -Ccmake.define.TALLOWMERE_SANITIZE=address \
+		-Ccmake.define.TALLOWMERE_WERROR=ON .
 	@touch $@
 
 SANITIZER_REPORTS := build/asan/reports
+SANITIZER_TESTS = $(filter-out tests/test_submit_memory.py,$(wildcard tests/test_submit_*.py))
 
-check-memory: $(ASAN_VENV)/.installed
+check-sanitizers: $(ASAN_VENV)/.installed
 	@rm -rf $(SANITIZER_REPORTS) && mkdir -p $(SANITIZER_REPORTS)
 	@LD_PRELOAD="$(ASAN_RUNTIME)" PYTHONMALLOC=malloc \
 	ASAN_OPTIONS=detect_leaks=0:halt_on_error=1:log_path=$(CURDIR)/$(SANITIZER_REPORTS)/asan \
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:log_path=$(CURDIR)/$(SANITIZER_REPORTS)/ubsan \
-		$(ASAN_VENV)/bin/python -m pytest -p no:cacheprovider -q tests/test_submit_*.py; status=$$?; \
+		$(ASAN_VENV)/bin/python -m pytest -p no:cacheprovider -q $(SANITIZER_TESTS); status=$$?; \
 	if [ -n "$$(ls $(SANITIZER_REPORTS))" ]; then cat $(SANITIZER_REPORTS)/*; echo "sanitizer reports above"; exit 1; fi; \
+	exit $$status
+
+VALGRIND_LOGS := build/valgrind
+VALGRIND_TESTS := tests/test_submit_faults.py tests/test_submit_globals_fuzz.py tests/test_submit_request.py
+
+# Children (the tests that run a fresh interpreter) are checked too; leaks are
+# left to check-leaks, since the interpreter does not free everything at exit.
+check-valgrind: install
+	@rm -rf $(VALGRIND_LOGS) && mkdir -p $(VALGRIND_LOGS)
+	@PYTHONMALLOC=malloc valgrind --tool=memcheck --error-exitcode=1 --leak-check=no --trace-children=yes \
+		--suppressions=$(CURDIR)/tools/valgrind-python.supp --log-file=$(CURDIR)/$(VALGRIND_LOGS)/memcheck.%p.log \
+		$(VPY) -m pytest -p no:cacheprovider -q $(VALGRIND_TESTS); status=$$?; \
+	reports=$$(grep -L "ERROR SUMMARY: 0 errors" $(VALGRIND_LOGS)/*.log); \
+	if [ -n "$$reports" ]; then cat $$reports; echo "memcheck reports above"; exit 1; fi; \
 	exit $$status

@@ -2,7 +2,11 @@
 
 from __future__ import annotations
 
+import copy
+import multiprocessing
 import pickle
+from collections.abc import Callable
+from concurrent.futures import ProcessPoolExecutor
 
 import pytest
 
@@ -11,6 +15,7 @@ from tallowmere.submit import (
     SubmissionReceipt,
     SubmissionRejectedError,
     SubmissionStatus,
+    _parse_response_json,
     _raise_submission_rejected,
 )
 
@@ -95,3 +100,70 @@ def test_classes_are_subclassable_and_picklable_like_python_classes() -> None:
 
     with pytest.raises(SubmissionRejectedError):
         raise Rejected(400, "no")
+
+
+def rejected_error() -> SubmissionRejectedError:
+    error = SubmissionRejectedError(409, "duplicate", {"field": "graph"}, body={"reason": "duplicate", "n": [1, 2]})
+    error.add_note("while submitting s1")
+    return error
+
+
+def response_error() -> SignalClientResponseError:
+    error = SignalClientResponseError("Malformed JSON", status_code=502, url="http://h/x", raw_body=b"<" * 900)
+    error.raw_body_preview = b"edited after construction"
+    return error
+
+
+ERRORS = {"rejected": rejected_error, "response": response_error}
+
+
+def same_error(restored: BaseException, original: BaseException) -> None:
+    assert type(restored) is type(original)
+    assert restored.args == original.args and str(restored) == str(original)
+    assert vars(restored) == vars(original)
+
+
+@pytest.mark.parametrize("make", list(ERRORS.values()), ids=list(ERRORS))
+@pytest.mark.parametrize("protocol", range(pickle.HIGHEST_PROTOCOL + 1))
+def test_errors_pickle_with_every_attribute(make: Callable[[], BaseException], protocol: int) -> None:
+    original = make()
+    same_error(pickle.loads(pickle.dumps(original, protocol)), original)
+
+
+@pytest.mark.parametrize("make", list(ERRORS.values()), ids=list(ERRORS))
+def test_errors_copy_with_every_attribute(make: Callable[[], BaseException]) -> None:
+    original = make()
+    shallow, deep = copy.copy(original), copy.deepcopy(original)
+    same_error(shallow, original)
+    same_error(deep, original)
+    for name, value in vars(original).items():
+        assert getattr(shallow, name) is value
+        if isinstance(value, (dict, list)):
+            assert getattr(deep, name) is not value
+
+
+def test_a_subclass_of_an_error_pickles_as_itself() -> None:
+    restored = pickle.loads(pickle.dumps(Rejection(404, "gone")))
+    assert type(restored) is Rejection and (restored.status_code, restored.reason) == (404, "gone")
+
+
+class Rejection(SubmissionRejectedError):
+    pass
+
+
+def test_errors_raised_in_a_worker_process_reach_the_caller_whole() -> None:
+    # A worker that raises either error delivers it (no BrokenProcessPool).
+    with ProcessPoolExecutor(max_workers=1, mp_context=multiprocessing.get_context("spawn")) as pool:
+        rejected = pool.submit(_raise_submission_rejected, 422, {"error": "bad pool", "details": {"k": 1}})
+        unusable = pool.submit(_parse_response_json, 500, b"<html>", "http://h/x", operation="signals/submit")
+        with pytest.raises(SubmissionRejectedError) as caught_rejection:
+            rejected.result(timeout=60)
+        with pytest.raises(SignalClientResponseError) as caught_response:
+            unusable.result(timeout=60)
+    error = caught_rejection.value
+    assert (error.status_code, error.reason, error.details, str(error)) == (422, "bad pool", {"k": 1}, "422: bad pool")
+    assert error.body == {"error": "bad pool", "details": {"k": 1}}
+    response = caught_response.value
+    assert (response.status_code, response.url, response.raw_body, response.raw_body_preview) == (
+        500, "http://h/x", b"<html>", b"<html>")  # fmt: skip
+    assert str(response) == "Malformed JSON response from http://h/x for signals/submit"

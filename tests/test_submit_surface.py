@@ -150,19 +150,69 @@ def test_classes(name: str, bases: tuple[type, ...], doc: str) -> None:
     assert cls.__module__ == "tallowmere.submit" and cls.__qualname__ == name
 
 
+def with_self(parameters: str) -> str:
+    return "(self" + (", " + parameters[1:] if parameters != "()" else ")")
+
+
 @pytest.mark.parametrize(("name", "kind", "parameters"), CLIENT_MEMBERS)
 def test_client_member_kinds_and_signatures(name: str, kind: str, parameters: str) -> None:
     raw = SignalServiceClient.__dict__[name]
+    client = SignalServiceClient("http://127.0.0.1:9", "t", transport=object())
     expected_type = {"static": staticmethod, "class": classmethod}.get(kind)
     if expected_type is None:
+        # As for a method written in Python: `self` is an ordinary parameter of
+        # the function on the class, and an instance's bound method drops it.
         assert not isinstance(raw, (staticmethod, classmethod)) and callable(raw)
-        signature = inspect.signature(getattr(SignalServiceClient, name))
-        assert list(signature.parameters)[0] == "self"
-        shown = str(signature.replace(parameters=list(signature.parameters.values())[1:]))
+        assert getattr(SignalServiceClient, name) is raw
+        assert str(inspect.signature(raw)) == with_self(parameters)
+        assert str(inspect.signature(getattr(client, name))) == parameters
+        assert inspect.ismethod(getattr(client, name)) and getattr(client, name).__func__ is raw
+        assert raw.__qualname__ == "SignalServiceClient." + name and raw.__module__ == "tallowmere.submit"
     else:
         assert isinstance(raw, expected_type)
-        shown = str(inspect.signature(getattr(SignalServiceClient, name)))
-    assert shown == parameters
+        assert str(inspect.signature(getattr(SignalServiceClient, name))) == parameters
+        assert str(inspect.signature(getattr(client, name))) == parameters
+
+
+# Instance methods of the other classes: (class, member, signature on the class).
+OTHER_METHODS = [
+    ("SubmissionReceipt", "__init__", "(self, submission_id)"),
+    ("SubmissionStatus", "__init__",
+     "(self, submission_id, status, is_stats, payment, rejection_reason, signal_pool_name=None, is_correlation=None, "
+     "agent_is_correlation=None, is_pnl_mi=None, agent_is_pnl_mi=None, failure_reason=None, failure_detail=None, "
+     "failure_message=None)"),
+    ("SubmissionRejectedError", "__init__", "(self, status_code, reason, details=None, body=None)"),
+    ("SignalClientResponseError", "__init__", "(self, message, *, status_code, url, raw_body)"),
+    ("_TransmissionObservedBody", "__init__", "(self, body_bytes, observer, method, url, headers)"),
+    ("_TransmissionObservedBody", "_observe_once", "(self)"),
+    ("_TransmissionObservedBody", "read", "(self, size=-1)"),
+    ("_TransmissionObservedBody", "seek", "(self, offset, whence=0)"),
+    ("_TransmissionObservedBody", "tell", "(self)"),
+    ("_TransmissionObservedBody", "__iter__", "(self)"),
+    ("_TransmissionObservedBody", "__next__", "(self)"),
+]  # fmt: skip
+
+
+@pytest.mark.parametrize(("cls", "name", "shown"), OTHER_METHODS)
+def test_every_instance_method_reads_like_a_python_method(cls: str, name: str, shown: str) -> None:
+    method = getattr(submit, cls).__dict__[name]
+    assert str(inspect.signature(method)) == shown
+    self_parameter = next(iter(inspect.signature(method).parameters.values()))
+    assert self_parameter.kind is inspect.Parameter.POSITIONAL_OR_KEYWORD
+    instance = getattr(submit, cls).__new__(getattr(submit, cls))
+    bound = "(" + shown[len("(self") :].removeprefix(", ")
+    assert str(inspect.signature(getattr(instance, name))) == bound
+
+
+def test_self_is_an_ordinary_parameter() -> None:
+    client = SignalServiceClient("http://127.0.0.1:9", "t", transport=object())
+    assert SignalServiceClient.close(self=client) is None
+    with pytest.raises(TypeError) as caught:
+        SignalServiceClient.close()
+    assert str(caught.value) == "SignalServiceClient.close() missing 1 required positional argument: 'self'"
+    with pytest.raises(TypeError) as caught:
+        SignalServiceClient.get_signal_status(client, "a", self=client)
+    assert str(caught.value) == "SignalServiceClient.get_signal_status() got multiple values for argument 'self'"
 
 
 def test_client_members_are_defined_in_order() -> None:
@@ -174,8 +224,6 @@ def test_observed_body_members() -> None:
     cls = submit._TransmissionObservedBody
     assert isinstance(cls.__dict__["consumed"], property) and cls.__dict__["consumed"].fset is None
     assert str(inspect.signature(cls)) == "(body_bytes, observer, method, url, headers)"
-    assert str(inspect.signature(cls.read)) == "(self, /, size=-1)"
-    assert str(inspect.signature(cls.seek)) == "(self, /, offset, whence=0)"
 
 
 @pytest.mark.parametrize(

@@ -2,6 +2,7 @@
 // before anything is sent, then one request to signals/batch or chunks of
 // _SIGNALS_BATCH_CLIENT_CHUNK_SIZE bodies, merged into one BatchSubmitResult
 // that accounts for every item even when a chunk fails.
+#include "common.hpp"
 #include "core/function.hpp"
 #include "core/python.hpp"
 #include "members.hpp"
@@ -43,16 +44,16 @@ constexpr auto batch_item_result_from_body_signature = signature(
 
 Ref batch_item_result_from_body(const Module& m, const Ref& item) {
     const Names& n = m.n;
-    Ref body = mapping_get(item, n.body);
+    Ref body = mapping_get(m, item, n.body);
     if (!is_dict(body)) body = Ref(none());
     Ref error = Ref(none());
     if (!body.is_none()) {
-        error = mapping_get(body, n.reason);
-        if (!truthy(error)) error = mapping_get(body, n.error);
+        error = mapping_get(m, body, n.reason);
+        if (!truthy(error)) error = mapping_get(m, body, n.error);
     }
-    auto from_body = [&](PyObject* key) { return body.is_none() ? Ref(none()) : mapping_get(body, key); };
-    Ref index = mapping_get(item, n.index);
-    Ref status_code = mapping_get(item, n.status_code);
+    auto from_body = [&](PyObject* key) { return body.is_none() ? Ref(none()) : mapping_get(m, body, key); };
+    Ref index = mapping_get(m, item, n.index);
+    Ref status_code = mapping_get(m, item, n.status_code);
     Ref submission_id = from_body(n.submission_id);
     Ref signal_pool_name = from_body(n.signal_pool_name);
     Ref strategy_pool_name = from_body(n.strategy_pool_name);
@@ -72,15 +73,15 @@ constexpr auto batch_result_from_body_signature =
 
 Ref batch_result_from_body(const Module& m, const Ref& cls, const Ref& status_code, const Ref& body, const Ref& error) {
     const Names& n = m.n;
-    Ref raw_results = mapping_get(body, n.results);
+    Ref raw_results = mapping_get(m, body, n.results);
     Ref results = new_list();
     if (is_list(raw_results)) {
         for_each(raw_results, [&](const Ref& element) {
             if (is_dict(element)) list_append(results, call_method(cls, n._batch_item_result_from_body, element));
         });
     }
-    Ref accepted = mapping_get(body, n.accepted);
-    Ref failed = mapping_get(body, n.failed);
+    Ref accepted = mapping_get(m, body, n.accepted);
+    Ref failed = mapping_get(m, body, n.failed);
     if (!is_int(accepted)) accepted = integer(accepted_count(m, results));
     if (!is_int(failed)) {
         failed = Ref::checked(PyNumber_Subtract(integer(PyList_GET_SIZE(results.get())).get(), accepted.get()));
@@ -184,9 +185,9 @@ Ref batch_result_with_partial_failure(const Module& m, const Ref& cls, const Ref
     Ref failure_body = getattr(failure, n.body);
     if (is_dict(failure_body)) {
         set_item(body, Borrowed(n.failure), failure_body);
-        if (mapping_get(body, n.error).is_none()) set_item(body, Borrowed(n.error), mapping_get(failure_body, n.error));
+        if (mapping_get(m, body, n.error).is_none()) set_item(body, Borrowed(n.error), mapping_get(m, failure_body, n.error));
     }
-    Ref error = mapping_get(body, n.error);
+    Ref error = mapping_get(m, body, n.error);
     if (!truthy(error)) error = getattr(failure, n.error);
     return batch_result(m, getattr(failure, n.status_code), body, integer(accepted), failed, prior_results, error);
 }
@@ -227,9 +228,6 @@ Ref batch_result_from_transport_error(const Module& m, const Ref& exc) {
 
 // ---- submit_signals_batch ------------------------------------------------------------------
 
-constexpr const char caller_thresholds_message[] =
-    "caller-supplied thresholds are not accepted; submit thresholds must come from era thresholds";
-
 constexpr auto submit_signals_batch_signature = signature(
     "SignalServiceClient.submit_signals_batch", Binding::instance_method,
     "Validate every submission, then send them to signals/batch (in chunks of\n"
@@ -248,9 +246,9 @@ Ref validated_body(const Module& m, const Ref& item) {
     if (contains(body, Borrowed(n.threshold_checks)) || contains(body, Borrowed(n.thresholds))) {
         raise_value_error(caller_thresholds_message);
     }
-    Ref named_universe = call_global(m, n._validate_named_universe, mapping_get(body, n.named_universe));
+    Ref named_universe = call_global(m, n._validate_named_universe, mapping_get(m, body, n.named_universe));
     set_item(body, Borrowed(n.named_universe), named_universe);
-    call_global(m, n._validate_selected_pool_name, mapping_get(body, n.signal_pool_name),
+    call_global(m, n._validate_selected_pool_name, mapping_get(m, body, n.signal_pool_name),
                 Borrowed(n.signal_pool_name));
     return body;
 }
@@ -259,32 +257,32 @@ Ref validated_body(const Module& m, const Ref& item) {
 void prepare_body(const Module& m, const Ref& self, const Ref& body) {
     const Names& n = m.n;
     Ref named_universe = get_item(body, Borrowed(n.named_universe));
-    Ref signal_pool_name = mapping_get(body, n.signal_pool_name);
+    Ref signal_pool_name = mapping_get(m, body, n.signal_pool_name);
     Ref thresholds = call_method_kw(self, n._resolve_submit_thresholds, {named_universe, signal_pool_name},
-                                    {{n.market_id, mapping_get(body, n.market_id)},
-                                     {n.era_number, mapping_get(body, n.era_number)}});
+                                    {{n.market_id, mapping_get(m, body, n.market_id)},
+                                     {n.era_number, mapping_get(m, body, n.era_number)}});
     Ref catalog = call_method(self, n._fetch_era_catalog);
     Ref submit_era = call_global_kw(m, n._required_active_submit_era, {catalog},
-                                    {{n.market_id, mapping_get(body, n.market_id)},
-                                     {n.era_number, mapping_get(body, n.era_number)}});
+                                    {{n.market_id, mapping_get(m, body, n.market_id)},
+                                     {n.era_number, mapping_get(m, body, n.era_number)}});
     set_item(body, Borrowed(n.market_id), call_global(m, n._required_positive_era_int, submit_era, Borrowed(n.market_id)));
     set_item(body, Borrowed(n.era_number),
              call_global(m, n._required_positive_era_int, submit_era, Borrowed(n.era_number)));
-    if (mapping_get(body, n.client_manifest_market_id).is_none()) {
+    if (mapping_get(m, body, n.client_manifest_market_id).is_none()) {
         set_item(body, Borrowed(n.client_manifest_market_id), get_item(body, Borrowed(n.market_id)));
     }
-    if (mapping_get(body, n.client_manifest_era_number).is_none()) {
+    if (mapping_get(m, body, n.client_manifest_era_number).is_none()) {
         set_item(body, Borrowed(n.client_manifest_era_number), get_item(body, Borrowed(n.era_number)));
     }
     call_method_kw(self, n._validate_submission_contract,
-                   {mapping_get(body, n.signal_pool_name), mapping_get(body, n.is_stats), mapping_get(body, n.is_pnl_mi),
-                    mapping_get(body, n.expression_elapsed_seconds)},
+                   {mapping_get(m, body, n.signal_pool_name), mapping_get(m, body, n.is_stats), mapping_get(m, body, n.is_pnl_mi),
+                    mapping_get(m, body, n.expression_elapsed_seconds)},
                    {{n.thresholds, thresholds},
-                    {n.client_manifest_version, mapping_get(body, n.client_manifest_version)},
-                    {n.client_manifest_market_id, mapping_get(body, n.client_manifest_market_id)},
-                    {n.client_manifest_era_number, mapping_get(body, n.client_manifest_era_number)}});
-    Ref complexity = call_global(m, n._enforce_graph_complexity_for_submit, mapping_get(body, n.graph), submit_era);
-    call_global(m, n._enforce_recorded_backtest_timing_for_submit, mapping_get(body, n.graph), submit_era);
+                    {n.client_manifest_version, mapping_get(m, body, n.client_manifest_version)},
+                    {n.client_manifest_market_id, mapping_get(m, body, n.client_manifest_market_id)},
+                    {n.client_manifest_era_number, mapping_get(m, body, n.client_manifest_era_number)}});
+    Ref complexity = call_global(m, n._enforce_graph_complexity_for_submit, mapping_get(m, body, n.graph), submit_era);
+    call_global(m, n._enforce_recorded_backtest_timing_for_submit, mapping_get(m, body, n.graph), submit_era);
     set_item(body, Borrowed(n.graph_depth), getattr(complexity, n.depth));
     set_item(body, Borrowed(n.graph_node_count), getattr(complexity, n.node_count));
     set_item(body, Borrowed(n.is_stats),
@@ -313,7 +311,7 @@ Ref submit_signals_batch(const Module& m, const Ref& self, const Ref& submission
     Ref graphs = new_list(), validated_bodies = new_list();
     for_each(submissions, [&](const Ref& item) {
         Ref body = validated_body(m, item);
-        list_append(graphs, mapping_get(body, n.graph));
+        list_append(graphs, mapping_get(m, body, n.graph));
         list_append(validated_bodies, body);
     });
     call_method(m.global(n._backtest_timing), n.require_recorded_backtest_timings, graphs);
@@ -327,57 +325,45 @@ Ref submit_signals_batch(const Module& m, const Ref& self, const Ref& submission
     Ref chunk_size = m.global(n._SIGNALS_BATCH_CLIENT_CHUNK_SIZE);
     Ref total = integer(PyList_GET_SIZE(prepared.get()));
 
-    // One request, or one chunk of them; `on_failure` maps what the handlers take.
-    auto send = [&](const Ref& bodies, Ref& status_code, Ref& resp_body, auto&& on_failure) {
-        return request_or_mapped_failure(m, self, {Borrowed(n.POST), Borrowed(n.signals_batch), signals_document(m, bodies)},
-                                         status_code, resp_body, on_failure);
-    };
-    // The failure result of a chunk or of the only request, or a re-raise.
-    auto failure_of = [&](const Caught& caught) -> Ref {
-        Borrowed exc = caught.exception();
-        switch (classify_request_failure(m, caught)) {
-            case RequestFailure::transport:
-                return call_method(self, n._batch_result_from_transport_error, exc);
-            case RequestFailure::rejected: {
+    // One request (or one chunk of them): the result its failure maps to, or
+    // nothing when it answered.
+    auto send = [&](const Ref& bodies, Ref& status_code, Ref& resp_body) {
+        return request_or_mapped_failure(
+            m, self, {Borrowed(n.POST), Borrowed(n.signals_batch), signals_document(m, bodies)}, status_code,
+            resp_body, MappedStatuses::client_errors,
+            [&](const Ref& exc) { return call_method(self, n._batch_result_from_transport_error, exc); },
+            [&](const Ref& exc) {
                 Ref body = getattr(exc, n.body);
                 if (!truthy(body)) body = new_dict();
                 return call_method_kw(self, n._batch_result_from_body, {getattr(exc, n.status_code), body},
                                       {{n.error, getattr(exc, n.reason)}});
-            }
-            case RequestFailure::unusable_response:
-                if (!is_client_error_status(m, exc)) caught.reraise();
-                return call_method(self, n._batch_result_from_response_error, exc);
-        }
-        caught.reraise();
+            },
+            [&](const Ref& exc) { return call_method(self, n._batch_result_from_response_error, exc); });
     };
 
     if (compare(total, chunk_size, Py_LE)) {
         Ref status_code, resp_body;
-        Ref failure = send(prepared, status_code, resp_body, failure_of);
-        if (failure) return failure;
+        if (std::optional<Ref> failure = send(prepared, status_code, resp_body)) return *failure;
         return call_method(self, n._batch_result_from_body, status_code, resp_body);
     }
 
     Ref chunk_results = new_list(), prior_results = new_list();
     Ref starts = call(Borrowed(reinterpret_cast<PyObject*>(&PyRange_Type)), integer(0), total, chunk_size);
-    Ref partial_failure;
-    for_each(starts, [&](const Ref& start) {
-        if (partial_failure) return;
+    std::optional<Ref> partial_failure = find_first(starts, [&](const Ref& start) -> std::optional<Ref> {
         Ref stop = Ref::checked(PyNumber_Add(start.get(), chunk_size.get()));
         Ref bounds = Ref::checked(PySlice_New(start.get(), stop.get(), nullptr));
         Ref chunk = get_item(prepared, bounds);
         Ref status_code, resp_body;
-        Ref failure = send(chunk, status_code, resp_body, failure_of);
-        if (failure) {
-            partial_failure = call_method(self, n._batch_result_with_partial_failure, failure, prior_results, total);
-            return;
+        if (std::optional<Ref> failure = send(chunk, status_code, resp_body)) {
+            return call_method(self, n._batch_result_with_partial_failure, *failure, prior_results, total);
         }
         Ref chunk_result = call_method(self, n._batch_result_from_body, status_code, resp_body);
         call_method(self, n._rebase_batch_item_indices, chunk_result, start);
         list_append(chunk_results, chunk_result);
         list_extend(prior_results, getattr(chunk_result, n.results));
+        return std::nullopt;
     });
-    if (partial_failure) return partial_failure;
+    if (partial_failure) return *partial_failure;
     return call_method(self, n._combine_batch_chunk_results, chunk_results);
 }
 

@@ -117,9 +117,9 @@ Ref transport_request(const Module& m, const Ref& self, const Ref& method, const
 
 // The `get_token` callable _canonical_request hands to _request_json: reads
 // the client's _jwt_token when it is called, so a replaced token is used by
-// the next request.
-PyObject* read_token(PyObject* client, PyObject*) noexcept {
-    return PyObject_GetAttrString(client, "_jwt_token");
+// the next request. It is bound to the pair (client, the interned "_jwt_token").
+PyObject* read_token(PyObject* client_and_name, PyObject*) noexcept {
+    return PyObject_GetAttr(PyTuple_GET_ITEM(client_and_name, 0), PyTuple_GET_ITEM(client_and_name, 1));
 }
 
 PyMethodDef read_token_def = {"get_token", read_token, METH_NOARGS, nullptr};
@@ -130,7 +130,8 @@ constexpr auto canonical_request_signature =
 
 Ref canonical_request(const Module& m, const Ref& self, const Ref& method, const Ref& endpoint, const Ref& body) {
     const Names& n = m.n;
-    Ref get_token = Ref::checked(PyCFunction_New(&read_token_def, self.get()));
+    Ref token_source = new_tuple({self, Borrowed(n._jwt_token)});
+    Ref get_token = Ref::checked(PyCFunction_New(&read_token_def, token_source.get()));
     return call_global_kw(m, n._request_json, {method, endpoint, get_token, getattr(self, n._base_url), body},
                           {{n.request_func, getattr(self, n._transport_request)},
                            {n.transmission_observer, getattr(self, n._transmission_observer)}});

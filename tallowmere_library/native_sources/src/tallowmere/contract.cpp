@@ -3,6 +3,7 @@
 // the era's threshold gates, the expression timing and the manifest integers.
 // Every refusal is a ValueError with a fixed text. Also the idempotency key a
 // body gets when its caller supplies none.
+#include "common.hpp"
 #include "core/function.hpp"
 #include "core/python.hpp"
 #include "members.hpp"
@@ -12,8 +13,6 @@ namespace tallowmere {
 namespace {
 
 constexpr const char mi_contract_message[] = "is_pnl_mi must be a scalar number or Infinity";
-constexpr const char caller_thresholds_message[] =
-    "caller-supplied thresholds are not accepted; submit thresholds must come from era thresholds";
 
 // ---- values of the contract ---------------------------------------------------------
 
@@ -37,12 +36,12 @@ constexpr auto stat_metric_signature =
     signature("_stat_metric", Binding::module_function, nullptr, param("is_stats"), param("keys"));
 
 Ref stat_metric(const Module& m, const Ref& is_stats, const Ref& keys) {
-    Ref metric = find_first(keys, [&](const Ref& key) -> Ref {
-        Ref value = mapping_get(is_stats, key);
-        if (!truthy(call_global(m, m.n._is_finite_number, value))) return Ref();
+    std::optional<Ref> metric = find_first(keys, [&](const Ref& key) -> std::optional<Ref> {
+        Ref value = mapping_get(m, is_stats, key);
+        if (!truthy(call_global(m, m.n._is_finite_number, value))) return std::nullopt;
         return is_exact_float(value) ? value : Ref::checked(PyNumber_Float(value.get()));
     });
-    return metric ? metric : Ref(none());
+    return metric.value_or(Ref(none()));
 }
 
 constexpr auto reject_caller_threshold_authority_signature =

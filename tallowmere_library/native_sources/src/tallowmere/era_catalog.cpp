@@ -2,6 +2,7 @@
 // catalog that `GET eras` returns, and reading the era's required fields.
 // Pure functions over decoded JSON (or objects with attributes); lookups give
 // None, required fields raise ValueError with the "era config ..." texts.
+#include "common.hpp"
 #include "core/function.hpp"
 #include "core/python.hpp"
 #include "members.hpp"
@@ -15,8 +16,8 @@ namespace {
 constexpr auto field_value_signature = signature("_field_value", Binding::module_function, nullptr, param("value"),
                                                  param("key"), param("default", none_default));
 
-Ref field_value(const Module&, const Ref& value, const Ref& key, const Ref& fallback) {
-    if (is_dict(value)) return mapping_get_or(value, key, fallback);
+Ref field_value(const Module& m, const Ref& value, const Ref& key, const Ref& fallback) {
+    if (is_dict(value)) return mapping_get_or(m, value, key, fallback);
     if (!PyUnicode_Check(key.get())) {
         PyErr_Format(PyExc_TypeError, "attribute name must be string, not '%.200s'", Py_TYPE(key.get())->tp_name);
         propagate();
@@ -49,13 +50,6 @@ Ref coerce_optional_int(const Module&, const Ref& value) {
                       });
 }
 
-// Module-global versions, looked up at call time.
-Ref field_of(const Module& m, const Ref& era, PyObject* key, const Ref& fallback = none()) {
-    return call_global(m, m.n._field_value, era, Borrowed(key), fallback);
-}
-
-Ref coerced_int(const Module& m, const Ref& value) { return call_global(m, m.n._coerce_optional_int, value); }
-
 // ---- finding the era --------------------------------------------------------------------
 
 constexpr auto active_era_from_catalog_signature =
@@ -65,12 +59,12 @@ constexpr auto active_era_from_catalog_signature =
 // The candidate eras of a catalog (steps 2 and 3 of the lookup).
 Ref candidate_eras(const Module& m, const Ref& catalog, const Ref& market_id) {
     const Names& n = m.n;
-    Ref eras_by_market = mapping_get(catalog, n.eras_by_market);
-    if (!truthy(eras_by_market)) eras_by_market = mapping_get(catalog, n.market_era_groups);
+    Ref eras_by_market = mapping_get(m, catalog, n.eras_by_market);
+    if (!truthy(eras_by_market)) eras_by_market = mapping_get(m, catalog, n.market_era_groups);
 
     if (is_dict(eras_by_market) && !market_id.is_none()) {
-        Ref eras = mapping_get(eras_by_market, str(to_int(market_id)));
-        if (!truthy(eras)) eras = mapping_get(eras_by_market, to_int(market_id));
+        Ref eras = mapping_get(m, eras_by_market, str(to_int(market_id)));
+        if (!truthy(eras)) eras = mapping_get(m, eras_by_market, to_int(market_id));
         return eras;
     }
     if (is_dict(eras_by_market)) {
@@ -78,55 +72,64 @@ Ref candidate_eras(const Module& m, const Ref& catalog, const Ref& market_id) {
         for_each(call_method(eras_by_market, n.values), [&](const Ref& group) {
             if (is_list(group)) list_extend(grouped, group);
         });
-        if (length(grouped) > 0) return grouped;
+        if (truthy(grouped)) return grouped;
     }
-    return mapping_get(catalog, n.eras);
+    return mapping_get(m, catalog, n.eras);
+}
+
+// The first era (in `for era in eras` order) that `matches`; every era is held
+// while the callees it is given to run, and a list they change stays valid.
+template <class Matches>
+std::optional<Ref> first_era(const Ref& eras, Matches&& matches) {
+    return find_first(eras, [&](const Ref& era) -> std::optional<Ref> {
+        if (matches(era)) return era;
+        return std::nullopt;
+    });
 }
 
 Ref active_era_from_catalog(const Module& m, const Ref& catalog, const Ref& market_id, const Ref& era_number) {
     const Names& n = m.n;
     if (!is_dict(catalog)) return Ref(none());
     Ref eras = candidate_eras(m, catalog, market_id);
-    if (!is_list(eras) || PyList_GET_SIZE(eras.get()) == 0) return Ref(none());
-
-    // The eras are read by index, one new reference at a time, so that a list
-    // changed by a callee cannot leave a dangling pointer behind.
-    auto era_at = [&](Py_ssize_t i) -> Ref {
-        if (i >= PyList_GET_SIZE(eras.get())) return Ref();
-        return Ref(Borrowed(PyList_GET_ITEM(eras.get(), i)));
-    };
+    if (!is_list(eras) || !truthy(eras)) return Ref(none());
 
     if (!era_number.is_none()) {
         Ref requested_number = coerced_int(m, era_number);
-        for (Py_ssize_t i = 0; Ref era = era_at(i); ++i) {
-            if (equals(coerced_int(m, field_of(m, era, n.era_number)), requested_number)) return era;
-        }
+        std::optional<Ref> requested = first_era(eras, [&](const Ref& era) {
+            return equals(coerced_int(m, field_of(m, era, n.era_number, none())), requested_number);
+        });
+        if (requested) return *requested;
     }
 
-    Ref active_id = mapping_get(catalog, n.active_era_number);
+    Ref active_id = mapping_get(m, catalog, n.active_era_number);
     if (active_id.is_none()) {
-        Ref active_identity = mapping_get(catalog, n.active_market_era);
-        if (!truthy(active_identity)) active_identity = mapping_get(catalog, n.current_market_era);
-        if (is_dict(active_identity)) active_id = mapping_get(active_identity, n.era_number);
+        Ref active_identity = mapping_get(m, catalog, n.active_market_era);
+        if (!truthy(active_identity)) active_identity = mapping_get(m, catalog, n.current_market_era);
+        if (is_dict(active_identity)) active_id = mapping_get(m, active_identity, n.era_number);
     }
     active_id = coerced_int(m, active_id);
 
     if (!active_id.is_none()) {
-        for (Py_ssize_t i = 0; Ref era = era_at(i); ++i) {
+        std::optional<Ref> active = first_era(eras, [&](const Ref& era) {
             Ref identity = field_of(m, era, n.era_number, field_of(m, era, n.id));
-            if (equals(coerced_int(m, identity), active_id)) return era;
-        }
+            return equals(coerced_int(m, identity), active_id);
+        });
+        if (active) return *active;
     }
 
-    for (Py_ssize_t i = 0; Ref era = era_at(i); ++i) {
-        Ref state = field_of(m, era, n.state, Borrowed(m.state().empty_text));
-        if (!truthy(state)) state = Ref(Borrowed(m.state().empty_text));
+    Borrowed empty(m.state().empty_text);
+    std::optional<Ref> open = first_era(eras, [&](const Ref& era) {
+        Ref state = field_of(m, era, n.state, empty);
+        if (!truthy(state)) state = empty;
         Ref lowered = call_method(str(state), n.lower);
         for (PyObject* usable : {n.active, n.current, n.open}) {
-            if (equals(lowered, Borrowed(usable))) return era;
+            if (equals(lowered, Borrowed(usable))) return true;
         }
-    }
-    return era_at(0);
+        return false;
+    });
+    if (open) return *open;
+    // eras[0]: a callee may have emptied the list meanwhile (IndexError then).
+    return get_item(eras, integer(0));
 }
 
 constexpr auto required_active_submit_era_signature =
@@ -168,7 +171,7 @@ constexpr auto projection_signature = signature("_simulation_data_contract_proje
                                                 Binding::module_function, nullptr, param("era"));
 
 Ref simulation_data_contract_projection_from_era(const Module& m, const Ref& era) {
-    Ref projection = field_of(m, era, m.n.simulation_data_contract_projection);
+    Ref projection = field_of(m, era, m.n.simulation_data_contract_projection, none());
     if (projection.is_none()) return projection;
     if (is_dict(projection)) return call(Borrowed(reinterpret_cast<PyObject*>(&PyDict_Type)), projection);
     raise_value_error("era config field simulation_data_contract_projection must be a dict");

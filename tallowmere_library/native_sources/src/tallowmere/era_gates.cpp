@@ -1,6 +1,7 @@
 // The era gates a signal passes before it is sent (graph complexity, a
 // recorded backtest timing within the era's budgets), the thresholds of a
 // signal pool for a named universe, and the client's era catalog accessor.
+#include "common.hpp"
 #include "core/function.hpp"
 #include "core/python.hpp"
 #include "members.hpp"
@@ -14,10 +15,6 @@ constexpr double era_catalog_max_age_seconds = 60.0;
 
 constexpr const char missing_timing_message[] =
     "recorded backtest timing is required before submit; run simulate_signal for this graph before submitting it";
-
-Ref field_of(const Module& m, const Ref& value, PyObject* key) {
-    return call_global(m, m.n._field_value, value, Borrowed(key));
-}
 
 Ref positive_era_int(const Module& m, const Ref& era, PyObject* field_name) {
     return call_global(m, m.n._required_positive_era_int, era, Borrowed(field_name));
@@ -62,7 +59,7 @@ Ref enforce_recorded_backtest_timing_for_submit(const Module& m, const Ref& grap
     Ref frequency = call_global(m, n._required_era_frequency, era);
     Ref row_budget_ms = positive_era_int(m, era, n.backtest_row_budget_ms);
     Ref whole_budget_seconds = positive_era_int(m, era, n.backtest_whole_budget_seconds);
-    Ref per_row_budget_seconds = floating(static_cast<double>(as_long_long(row_budget_ms)) / 1000.0);
+    Ref per_row_budget_seconds = Ref::checked(PyNumber_TrueDivide(row_budget_ms.get(), floating(1000.0).get()));
     Ref whole_budget = Ref::checked(PyNumber_Float(whole_budget_seconds.get()));
 
     Ref assessment = call_method_kw(timing, n.assess_client_backtest_timing, {record},
@@ -83,8 +80,8 @@ Ref enforce_recorded_backtest_timing_for_submit(const Module& m, const Ref& grap
 // otherwise as text.
 bool rule_matches(const Module& m, const Ref& candidate, const Ref& rule_id) {
     if (candidate.is_none() || rule_id.is_none()) return false;
-    Ref a = call_global(m, m.n._coerce_optional_int, candidate);
-    Ref b = call_global(m, m.n._coerce_optional_int, rule_id);
+    Ref a = coerced_int(m, candidate);
+    Ref b = coerced_int(m, rule_id);
     if (!a.is_none() && !b.is_none()) return equals(a, b);
     return equals(str(candidate), str(rule_id));
 }
@@ -96,20 +93,23 @@ Ref rule_id_for_named_universe(const Module& m, const Ref& era, const Ref& named
     const Names& n = m.n;
     Ref rules = field_of(m, era, n.universe_rules);
     if (!is_list_or_tuple(rules)) return Ref(none());
-    Ref found = find_first(rules, [&](const Ref& rule) -> Ref {
+    std::optional<Ref> found = find_first(rules, [&](const Ref& rule) -> std::optional<Ref> {
         Ref rule_id = field_of(m, rule, n.rule_id);
         Ref universes = field_of(m, rule, n.universes);
-        if (rule_id.is_none() || !is_list_or_tuple(universes)) return Ref();
-        return find_first(universes, [&](const Ref& entry) -> Ref {
-            if (is_str(entry)) return equals(entry, named_universe) ? rule_id : Ref();
+        if (rule_id.is_none() || !is_list_or_tuple(universes)) return std::nullopt;
+        return find_first(universes, [&](const Ref& entry) -> std::optional<Ref> {
+            if (is_str(entry)) {
+                if (equals(entry, named_universe)) return rule_id;
+                return std::nullopt;
+            }
             for (PyObject* key : {n.name, n.id}) {
                 Ref candidate = field_of(m, entry, key);
                 if (!candidate.is_none() && equals(str(candidate), named_universe)) return rule_id;
             }
-            return Ref();
+            return std::nullopt;
         });
     });
-    return found ? found : Ref(none());
+    return found.value_or(Ref(none()));
 }
 
 constexpr auto signal_is_thresholds_for_pool_signature = signature(
@@ -123,18 +123,19 @@ Ref signal_is_thresholds_for_pool(const Module& m, const Ref& pool, const Ref& r
         return is_dict(entry) ? entry : Ref(none());
     }
     if (!is_list_or_tuple(entries)) return Ref(none());
-    Ref found = find_first(entries, [&](const Ref& entry) -> Ref {
-        if (!is_dict(entry)) return Ref();
+    std::optional<Ref> found = find_first(entries, [&](const Ref& entry) -> std::optional<Ref> {
+        if (!is_dict(entry)) return std::nullopt;
         for (PyObject* key : {n.universe_rule_id, n.rule_id}) {
-            if (rule_matches(m, field_of(m, entry, key), rule_id)) return Ref(entry);
+            if (rule_matches(m, field_of(m, entry, key), rule_id)) return entry;
         }
         Ref universes = field_of(m, entry, n.universes);
-        if (!is_list_or_tuple(universes)) return Ref();
-        return find_first(universes, [&](const Ref& candidate) -> Ref {
-            return rule_matches(m, candidate, rule_id) ? Ref(entry) : Ref();
+        if (!is_list_or_tuple(universes)) return std::nullopt;
+        return find_first(universes, [&](const Ref& candidate) -> std::optional<Ref> {
+            if (rule_matches(m, candidate, rule_id)) return entry;
+            return std::nullopt;
         });
     });
-    return found ? found : Ref(none());
+    return found.value_or(Ref(none()));
 }
 
 constexpr auto thresholds_from_catalog_signature =
@@ -175,17 +176,18 @@ Ref submission_thresholds_from_era_catalog(const Module& m, const Ref& catalog, 
     }
 
     // The entry's threshold keys, without the keys that matched it to the rule.
+    // A caller-built catalog may have keys of any type: their __eq__ and
+    // __hash__ run below, so each pair is held while they do.
     Ref thresholds = new_dict();
-    PyObject *key, *value;
-    Py_ssize_t position = 0;
     Ref entry_items = call(Borrowed(reinterpret_cast<PyObject*>(&PyDict_Type)), entry);
-    while (PyDict_Next(entry_items.get(), &position, &key, &value)) {
+    for_each_dict_item(entry_items, [&](const Ref& key, const Ref& value) {
         bool matching_key = false;
         for (PyObject* skipped : {n.universe_rule_id, n.rule_id, n.universes, n.mi_threshold}) {
-            if (equals(Borrowed(key), Borrowed(skipped))) matching_key = true;
+            matching_key = equals(key, Borrowed(skipped));
+            if (matching_key) break;
         }
-        if (!matching_key) set_item(thresholds, Borrowed(key), Borrowed(value));
-    }
+        if (!matching_key) set_item(thresholds, key, value);
+    });
 
     Ref correlation = first_present(m, entry, {n.is_correlation_threshold});
     if (correlation.is_none()) correlation = first_present(m, pool, {n.is_correlation_threshold});
@@ -208,7 +210,7 @@ constexpr auto fetch_era_catalog_signature =
 bool usable_catalog(const Module& m, const Ref& catalog) {
     if (!is_dict(catalog)) return false;
     for (PyObject* key : {m.n.eras_by_market, m.n.market_era_groups, m.n.eras}) {
-        Ref eras = mapping_get(catalog, key);
+        Ref eras = mapping_get(m, catalog, key);
         if ((is_dict(eras) || is_list(eras)) && truthy(eras)) return true;
     }
     return false;
@@ -229,7 +231,9 @@ Ref fetch_era_catalog(const Module& m, const Ref& self) {
         bool fetched_here = PyTuple_Check(stamp.get()) && PyTuple_GET_SIZE(stamp.get()) == 2 &&
                             PyTuple_GET_ITEM(stamp.get(), 0) == cached.get();
         if (!fetched_here) return cached;
-        Ref age = Ref::checked(PyNumber_Subtract(monotonic_now(m).get(), PyTuple_GET_ITEM(stamp.get(), 1)));
+        Ref fetched_at(Borrowed(PyTuple_GET_ITEM(stamp.get(), 1)));
+        Ref now = monotonic_now(m);
+        Ref age = Ref::checked(PyNumber_Subtract(now.get(), fetched_at.get()));
         if (compare(age, floating(era_catalog_max_age_seconds), Py_LT)) return cached;
     }
 

@@ -57,10 +57,12 @@ extern const Member init;
 }
 namespace rejected_error {
 extern const Member init;
-}
+extern const Member reduce;
+}  // namespace rejected_error
 namespace response_error {
 extern const Member init;
-}
+extern const Member reduce;
+}  // namespace response_error
 
 // observed_body.cpp
 namespace observed_body {

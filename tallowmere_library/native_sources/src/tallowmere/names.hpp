@@ -219,6 +219,11 @@ namespace tallowmere {
     X(errors, "errors")                                                                         \
     X(__name__, "__name__")                                                                     \
     X(__module__, "__module__")                                                                 \
+    X(__init__, "__init__")                                                                     \
+    X(__dict__, "__dict__")                                                                     \
+    X(args, "args")                                                                             \
+    X(copyreg, "copyreg")                                                                       \
+    X(__newobj__, "__newobj__")                                                                 \
     /* keyword arguments of sibling calls */                                                    \
     X(metrics, "metrics")                                                                       \
     X(threshold_set, "threshold_set")                                                           \

@@ -12,10 +12,13 @@ namespace tallowmere {
 
 namespace {
 
-// super().__init__(message) for a direct subclass of Exception.
-void init_exception_base(const Ref& self, const Ref& message) {
-    Ref args = new_tuple({message});
-    check_status(reinterpret_cast<PyTypeObject*>(PyExc_Exception)->tp_init(self.get(), args.get(), nullptr));
+// super().__init__(message) in a method of `defining_class` (the class this
+// module made, whatever the global of its name now holds). `self` may be any
+// object, since the method can be called through the class: super() refuses
+// one that is not an instance, as it does in Python.
+void init_exception_base(const Module& m, PyObject* defining_class, const Ref& self, const Ref& message) {
+    Ref base = call(Borrowed(reinterpret_cast<PyObject*>(&PySuper_Type)), Borrowed(defining_class), self);
+    call_method(base, m.n.__init__, message);
 }
 
 // ---- SubmissionReceipt ----------------------------------------------------------
@@ -66,7 +69,8 @@ constexpr auto rejected_init_signature =
 
 Ref rejected_init(const Module& m, const Ref& self, const Ref& status_code, const Ref& reason, const Ref& details,
                   const Ref& body) {
-    init_exception_base(self, format_text("%S: %S", status_code.get(), reason.get()));
+    init_exception_base(m, m.state().rejected_error_class, self,
+                        format_text("%S: %S", status_code.get(), reason.get()));
     setattr(self, m.n.status_code, status_code);
     setattr(self, m.n.reason, reason);
     setattr(self, m.n.details, details);
@@ -82,7 +86,7 @@ constexpr auto response_error_init_signature =
 
 Ref response_error_init(const Module& m, const Ref& self, const Ref& message, const Ref& status_code, const Ref& url,
                         const Ref& raw_body) {
-    init_exception_base(self, message);
+    init_exception_base(m, m.state().response_error_class, self, message);
     setattr(self, m.n.status_code, status_code);
     setattr(self, m.n.url, url);
     setattr(self, m.n.raw_body, raw_body);
@@ -91,16 +95,37 @@ Ref response_error_init(const Module& m, const Ref& self, const Ref& message, co
     return Ref(none());
 }
 
+// ---- pickling and copying the errors ---------------------------------------------------
+
+// Both errors are rebuilt as their class's __new__ with the exception's args,
+// then given every attribute back, without running __init__ again:
+//     (copyreg.__newobj__, (type(self), *self.args), self.__dict__)
+// so pickle, copy and a worker process's exceptions carry them whole.
+Ref reduce_exception(const Module& m, const Ref& self) {
+    const Names& n = m.n;
+    Ref copyreg = Ref::checked(PyImport_Import(n.copyreg));
+    Ref rebuild = getattr(copyreg, n.__newobj__);
+    Ref cls(Borrowed(reinterpret_cast<PyObject*>(Py_TYPE(self.get()))));
+    Ref args = Ref::checked(PySequence_Tuple(getattr(self, n.args).get()));
+    Ref rebuild_args = Ref::checked(PySequence_Concat(new_tuple({cls}).get(), args.get()));
+    return new_tuple({rebuild, rebuild_args, getattr(self, n.__dict__)});
+}
+
+constexpr auto rejected_reduce_signature =
+    signature("SubmissionRejectedError.__reduce__", Binding::instance_method, nullptr);
+constexpr auto response_error_reduce_signature =
+    signature("SignalClientResponseError.__reduce__", Binding::instance_method, nullptr);
+
 // ---- _raise_submission_rejected -----------------------------------------------------------
 
 constexpr auto raise_submission_rejected_signature = signature(
     "_raise_submission_rejected", Binding::module_function, nullptr, param("status_code"), param("response_data"));
 
 Ref raise_submission_rejected(const Module& m, const Ref& status_code, const Ref& response_data) {
-    Ref reason = mapping_get(response_data, m.n.reason);
-    if (!truthy(reason)) reason = mapping_get(response_data, m.n.error);
+    Ref reason = mapping_get(m, response_data, m.n.reason);
+    if (!truthy(reason)) reason = mapping_get(m, response_data, m.n.error);
     if (!truthy(reason)) reason = concat({text("http_"), format(status_code)});
-    Ref details = mapping_get_or(response_data, Borrowed(m.n.details), none());
+    Ref details = mapping_get_or(m, response_data, Borrowed(m.n.details), none());
     Ref error = call_global_kw(m, m.n.SubmissionRejectedError, {status_code, reason, details},
                                {{m.n.body, response_data}});
     raise_instance(error);
@@ -117,10 +142,12 @@ const Member init = member<status_init_signature, status_init>();
 }
 namespace rejected_error {
 const Member init = member<rejected_init_signature, rejected_init>();
-}
+const Member reduce = member<rejected_reduce_signature, reduce_exception>();
+}  // namespace rejected_error
 namespace response_error {
 const Member init = member<response_error_init_signature, response_error_init>();
-}
+const Member reduce = member<response_error_reduce_signature, reduce_exception>();
+}  // namespace response_error
 const Member raise_submission_rejected = member<raise_submission_rejected_signature, tallowmere::raise_submission_rejected>();
 }  // namespace members
 

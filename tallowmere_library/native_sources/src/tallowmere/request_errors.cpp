@@ -2,19 +2,32 @@
 
 namespace tallowmere {
 
-RequestFailure classify_request_failure(const Module& m, const Caught& caught) {
+namespace {
+
+// 400 <= exc.status_code < 500, or (with gateway errors) exc.status_code in (502, 503, 504)
+bool maps_status(const Module& m, const Ref& exc, MappedStatuses mapped) {
+    Ref status_code = getattr(exc, m.n.status_code);
+    if (compare(integer(400), status_code, Py_LE) && compare(status_code, integer(500), Py_LT)) return true;
+    if (mapped != MappedStatuses::client_and_gateway_errors) return false;
+    Ref again = getattr(exc, m.n.status_code);
+    for (long gateway_status : {502L, 503L, 504L}) {
+        if (equals(again, integer(gateway_status))) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+RequestFailure classify_request_failure(const Module& m, const Caught& caught, MappedStatuses mapped) {
     const Names& n = m.n;
     Ref transport_errors =
         new_tuple({Borrowed(PyExc_ConnectionError), getattr(m.global(n.httpx), n.TransportError)});
     if (caught.matches(transport_errors)) return RequestFailure::transport;
     if (caught.matches(m.global(n.SubmissionRejectedError))) return RequestFailure::rejected;
-    if (caught.matches(m.global(n.SignalClientResponseError))) return RequestFailure::unusable_response;
+    if (caught.matches(m.global(n.SignalClientResponseError)) && maps_status(m, Ref(caught.exception()), mapped)) {
+        return RequestFailure::unusable_response;
+    }
     caught.reraise();
-}
-
-bool is_client_error_status(const Module& m, const Ref& exc) {
-    Ref status_code = getattr(exc, m.n.status_code);
-    return compare(integer(400), status_code, Py_LE) && compare(status_code, integer(500), Py_LT);
 }
 
 Ref type_name(const Module& m, const Ref& exc) {

@@ -7,6 +7,8 @@
 #include "members.hpp"
 #include "request_errors.hpp"
 
+#include <vector>
+
 namespace tallowmere {
 
 namespace {
@@ -27,12 +29,12 @@ constexpr auto failure_reason_from_status_body_signature =
 
 Ref failure_reason_from_status_body(const Module& m, const Ref& body) {
     const Names& n = m.n;
-    Ref failure_reason = mapping_get(body, n.failure_reason);
-    Ref failure_detail = mapping_get(body, n.failure_detail);
-    Ref rejection_reason = str(mapping_get(body, n.rejection_reason));
+    Ref failure_reason = mapping_get(m, body, n.failure_reason);
+    Ref failure_detail = mapping_get(m, body, n.failure_detail);
+    Ref rejection_reason = str(mapping_get(m, body, n.rejection_reason));
     bool tampering = truthy(call_method(rejection_reason, n.endswith, Borrowed(n.tampering_detected_suffix)));
     if (tampering && is_dict(failure_detail) &&
-        equals(mapping_get(failure_detail, n.reason), Borrowed(n.stats_mismatch))) {
+        equals(mapping_get(m, failure_detail, n.reason), Borrowed(n.stats_mismatch))) {
         return Ref(Borrowed(n.stats_mismatch));
     }
     return failure_reason;
@@ -63,19 +65,19 @@ constexpr auto status_result_from_body_signature =
 Ref status_result_from_body(const Module& m, const Ref& status_code, const Ref& body) {
     const Names& n = m.n;
     Ref public_body = call_global(m, n._public_status_body, body);
-    Ref status = mapping_get(body, n.status);
-    Ref signal_pool_name = mapping_get(body, n.signal_pool_name);
-    Ref strategy_pool_name = mapping_get(body, n.strategy_pool_name);
-    Ref is_stats = mapping_get(body, n.is_stats);
-    Ref payment = mapping_get(body, n.payment);
-    Ref rejection_reason = mapping_get(body, n.rejection_reason);
-    Ref is_correlation = mapping_get(body, n.is_correlation);
-    Ref agent_is_correlation = mapping_get(body, n.agent_is_correlation);
-    Ref is_pnl_mi = call_global(m, n._coerce_status_metric, mapping_get(body, n.is_pnl_mi));
-    Ref agent_is_pnl_mi = call_global(m, n._coerce_status_metric, mapping_get(body, n.agent_is_pnl_mi));
+    Ref status = mapping_get(m, body, n.status);
+    Ref signal_pool_name = mapping_get(m, body, n.signal_pool_name);
+    Ref strategy_pool_name = mapping_get(m, body, n.strategy_pool_name);
+    Ref is_stats = mapping_get(m, body, n.is_stats);
+    Ref payment = mapping_get(m, body, n.payment);
+    Ref rejection_reason = mapping_get(m, body, n.rejection_reason);
+    Ref is_correlation = mapping_get(m, body, n.is_correlation);
+    Ref agent_is_correlation = mapping_get(m, body, n.agent_is_correlation);
+    Ref is_pnl_mi = call_global(m, n._coerce_status_metric, mapping_get(m, body, n.is_pnl_mi));
+    Ref agent_is_pnl_mi = call_global(m, n._coerce_status_metric, mapping_get(m, body, n.agent_is_pnl_mi));
     Ref failure_reason = call_global(m, n._failure_reason_from_status_body, body);
-    Ref failure_detail = mapping_get(body, n.failure_detail);
-    Ref failure_message = mapping_get(body, n.failure_message);
+    Ref failure_detail = mapping_get(m, body, n.failure_detail);
+    Ref failure_message = mapping_get(m, body, n.failure_message);
     return call_global_kw(m, n.StatusResult, {},
                           {{n.status_code, status_code},
                            {n.body, public_body},
@@ -145,20 +147,12 @@ Ref get_signal_status(const Module& m, const Ref& self, const Ref& submission_id
     Ref encoded = call_global(m, n._percent_encode, submission_id);
     Ref endpoint = Ref::checked(PyNumber_Add(n.signals_status_prefix, encoded.get()));
     Ref status_code, resp_body;
-    Ref failure_result = request_or_mapped_failure(
-        m, self, {Borrowed(n.GET), endpoint}, status_code, resp_body, [&](const Caught& caught) -> Ref {
-            switch (classify_request_failure(m, caught)) {
-                case RequestFailure::transport:
-                    return call_method(self, n._status_result_from_transport_error, caught.exception());
-                case RequestFailure::rejected:
-                    return call_method(self, n._status_result_from_rejection, caught.exception());
-                case RequestFailure::unusable_response:
-                    if (!is_client_error_status(m, caught.exception())) caught.reraise();
-                    return call_method(self, n._status_result_from_response_error, caught.exception());
-            }
-            caught.reraise();
-        });
-    if (failure_result) return failure_result;
+    std::optional<Ref> failure_result = request_or_mapped_failure(
+        m, self, {Borrowed(n.GET), endpoint}, status_code, resp_body, MappedStatuses::client_errors,
+        [&](const Ref& exc) { return call_method(self, n._status_result_from_transport_error, exc); },
+        [&](const Ref& exc) { return call_method(self, n._status_result_from_rejection, exc); },
+        [&](const Ref& exc) { return call_method(self, n._status_result_from_response_error, exc); });
+    if (failure_result) return *failure_result;
     return call_method(self, n._status_result_from_body, status_code, resp_body);
 }
 
@@ -177,7 +171,7 @@ Ref submission_list_result(const Module& m, const Ref& status_code, const Ref& b
 }
 
 Ref submission_list_result_from_body(const Module& m, const Ref& status_code, const Ref& body, const Ref& error) {
-    Ref submissions = is_dict(body) ? mapping_get(body, m.n.submissions) : Ref(none());
+    Ref submissions = is_dict(body) ? mapping_get(m, body, m.n.submissions) : Ref(none());
     if (!is_list(submissions)) submissions = new_list();
     return submission_list_result(m, status_code, body, submissions, error);
 }
@@ -194,45 +188,49 @@ constexpr auto list_signal_submissions_signature = signature(
 Ref list_signal_submissions(const Module& m, const Ref& self, const Ref& status, const Ref& idempotency_key, const Ref& since,
                             const Ref& limit) {
     const Names& n = m.n;
-    Ref query = new_list();
-    auto add = [&](PyObject* name, const Ref& value) {
-        Ref pair = call_global(m, n._percent_encode, Borrowed(name));
-        Ref encoded_value = call_global(m, n._percent_encode, value);
-        list_append(query, concat({pair, text("="), encoded_value}));
+    // Every value is built (str(int(limit)) included) before any is encoded.
+    struct QueryPair {
+        PyObject* name;
+        Ref value;
     };
-    if (!status.is_none()) add(n.status, str(status));
-    if (!idempotency_key.is_none()) add(n.idempotency_key, str(idempotency_key));
-    if (!since.is_none()) add(n.since, str(since));
-    if (!limit.is_none()) add(n.limit, str(to_int(limit)));
+    std::vector<QueryPair> pairs;
+    if (!status.is_none()) pairs.push_back({n.status, str(status)});
+    if (!idempotency_key.is_none()) pairs.push_back({n.idempotency_key, str(idempotency_key)});
+    if (!since.is_none()) pairs.push_back({n.since, str(since)});
+    if (!limit.is_none()) pairs.push_back({n.limit, str(to_int(limit))});
 
+    // "signals/submissions" + "?" + "&".join(_percent_encode(k) + "=" + _percent_encode(v) for k, v in query)
     Ref endpoint = Ref(Borrowed(n.signals_submissions));
-    if (PyList_GET_SIZE(query.get()) > 0) {
+    if (!pairs.empty()) {
+        Ref query = new_list();
+        Ref equals_sign = text("=");
+        for (const QueryPair& pair : pairs) {
+            Ref name = call_global(m, n._percent_encode, Borrowed(pair.name));
+            Ref named = Ref::checked(PyNumber_Add(name.get(), equals_sign.get()));
+            Ref value = call_global(m, n._percent_encode, pair.value);
+            list_append(query, Ref::checked(PyNumber_Add(named.get(), value.get())));
+        }
         Ref joined = Ref::checked(PyUnicode_Join(Ref(text("&")).get(), query.get()));
         endpoint = concat({Borrowed(n.signals_submissions), text("?"), joined});
     }
 
     Ref status_code, resp_body;
-    Ref failure_result = request_or_mapped_failure(
-        m, self, {Borrowed(n.GET), endpoint}, status_code, resp_body, [&](const Caught& caught) -> Ref {
-            Borrowed exc = caught.exception();
-            switch (classify_request_failure(m, caught)) {
-                case RequestFailure::transport:
-                    return submission_list_result(m, integer(0), none(), new_list(), transport_error_text(m, exc));
-                case RequestFailure::rejected: {
-                    Ref body = getattr(exc, n.body);
-                    if (!truthy(body)) body = new_dict();
-                    return call_method_kw(self, n._submission_list_result_from_body,
-                                          {getattr(exc, n.status_code), body}, {{n.error, getattr(exc, n.reason)}});
-                }
-                case RequestFailure::unusable_response: {
-                    if (!is_client_error_status(m, exc)) caught.reraise();
-                    auto [error, body] = unpack_pair(call_method(self, n._error_body_from_response_error, exc));
-                    return submission_list_result(m, getattr(exc, n.status_code), body, new_list(), error);
-                }
-            }
-            caught.reraise();
+    std::optional<Ref> failure_result = request_or_mapped_failure(
+        m, self, {Borrowed(n.GET), endpoint}, status_code, resp_body, MappedStatuses::client_errors,
+        [&](const Ref& exc) {
+            return submission_list_result(m, integer(0), none(), new_list(), transport_error_text(m, exc));
+        },
+        [&](const Ref& exc) {
+            Ref body = getattr(exc, n.body);
+            if (!truthy(body)) body = new_dict();
+            return call_method_kw(self, n._submission_list_result_from_body, {getattr(exc, n.status_code), body},
+                                  {{n.error, getattr(exc, n.reason)}});
+        },
+        [&](const Ref& exc) {
+            auto [error, body] = unpack_pair(call_method(self, n._error_body_from_response_error, exc));
+            return submission_list_result(m, getattr(exc, n.status_code), body, new_list(), error);
         });
-    if (failure_result) return failure_result;
+    if (failure_result) return *failure_result;
     return call_method(self, n._submission_list_result_from_body, status_code, resp_body);
 }
 

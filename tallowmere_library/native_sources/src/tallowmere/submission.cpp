@@ -30,9 +30,9 @@ constexpr auto submit_result_from_body_signature = signature(
 
 Ref submit_result_from_body(const Module& m, const Ref& status_code, const Ref& body) {
     const Names& n = m.n;
-    Ref submission_id = mapping_get(body, n.submission_id);
-    Ref signal_pool_name = mapping_get(body, n.signal_pool_name);
-    Ref strategy_pool_name = mapping_get(body, n.strategy_pool_name);
+    Ref submission_id = mapping_get(m, body, n.submission_id);
+    Ref signal_pool_name = mapping_get(m, body, n.signal_pool_name);
+    Ref strategy_pool_name = mapping_get(m, body, n.strategy_pool_name);
     return submit_result(m, status_code, body, submission_id, signal_pool_name, strategy_pool_name, none());
 }
 
@@ -94,9 +94,6 @@ Ref submit_result_from_transport_error(const Module& m, const Ref& exc) {
 }
 
 // ---- bodies -----------------------------------------------------------------------------
-
-// int(value) unless it is already exactly an int.
-Ref body_int(const Ref& value) { return to_int(value); }
 
 // The manifest market or era: the caller's value, else the effective one.
 Ref manifest_value(const Module& m, const Ref& given, const Ref& effective, PyObject* field_name) {
@@ -170,8 +167,8 @@ Ref submit_signal(const Module& m, const Ref& self, const Ref& graph, const Ref&
     set_item(body, Borrowed(n.is_stats), is_stats_payload);
     set_item(body, Borrowed(n.is_pnl_mi), call_global(m, n._mi_contract_json_value, is_pnl_mi));
     set_item(body, Borrowed(n.expression_elapsed_seconds), expression_elapsed_seconds);
-    set_item(body, Borrowed(n.market_id), body_int(market_id));
-    set_item(body, Borrowed(n.era_number), body_int(era_number));
+    set_item(body, Borrowed(n.market_id), to_int(market_id));
+    set_item(body, Borrowed(n.era_number), to_int(era_number));
 
     if (!client_manifest_version.is_none()) {
         set_item(body, Borrowed(n.client_manifest_version),
@@ -190,26 +187,13 @@ Ref submit_signal(const Module& m, const Ref& self, const Ref& graph, const Ref&
     attach_idempotency_key(m, self, body, idempotency_key);
 
     Ref status_code, resp_body;
-    Ref failure_result = request_or_mapped_failure(
+    std::optional<Ref> failure_result = request_or_mapped_failure(
         m, self, {Borrowed(n.POST), Borrowed(n.signals_submit), body}, status_code, resp_body,
-        [&](const Caught& caught) -> Ref {
-            Borrowed exc = caught.exception();
-            switch (classify_request_failure(m, caught)) {
-                case RequestFailure::transport:
-                    return call_method(self, n._submit_result_from_transport_error, exc);
-                case RequestFailure::rejected:
-                    return call_method(self, n._submit_result_from_rejection, exc);
-                case RequestFailure::unusable_response: {
-                    Ref code = getattr(exc, n.status_code);
-                    bool gateway = false;
-                    for (long status : {502L, 503L, 504L}) gateway = gateway || equals(code, integer(status));
-                    if (!is_client_error_status(m, exc) && !gateway) caught.reraise();
-                    return call_method(self, n._submit_result_from_response_error, exc);
-                }
-            }
-            caught.reraise();
-        });
-    if (failure_result) return failure_result;
+        MappedStatuses::client_and_gateway_errors,
+        [&](const Ref& exc) { return call_method(self, n._submit_result_from_transport_error, exc); },
+        [&](const Ref& exc) { return call_method(self, n._submit_result_from_rejection, exc); },
+        [&](const Ref& exc) { return call_method(self, n._submit_result_from_response_error, exc); });
+    if (failure_result) return *failure_result;
     return call_method(self, n._submit_result_from_body, status_code, resp_body);
 }
 
@@ -236,8 +220,8 @@ Ref submit_strategy(const Module& m, const Ref& self, const Ref& graph, const Re
     set_item(body, Borrowed(n.graph), graph);
     set_item(body, Borrowed(n.named_universe), named_universe);
     set_item(body, Borrowed(n.strategy_pool_name), strategy_pool_name);
-    set_item(body, Borrowed(n.market_id), body_int(market_id));
-    set_item(body, Borrowed(n.era_number), body_int(era_number));
+    set_item(body, Borrowed(n.market_id), to_int(market_id));
+    set_item(body, Borrowed(n.era_number), to_int(era_number));
     set_item(body, Borrowed(n.client_manifest_market_id),
              manifest_value(m, client_manifest_market_id, market_id, n.client_manifest_market_id));
     set_item(body, Borrowed(n.client_manifest_era_number),

@@ -42,6 +42,8 @@ void for_each_state_object(ModuleState* state, Visitor&& visit) {
     visit(state->unreserved_bytes);
     visit(state->raw_paths);
     visit(state->raw_path_parser);
+    visit(state->rejected_error_class);
+    visit(state->response_error_class);
 }
 
 void init_state(ModuleState* state) {
@@ -182,14 +184,18 @@ int exec_module(PyObject* module) {
                           define_class(module, "tallowmere.submit.SubmissionStatus",
                                        "Status returned by poll_status for a submitted signal/strategy.",
                                        {&mb::status_record::init}));
-               add_object(module, n.SubmissionRejectedError,
-                          define_class(module, "tallowmere.submit.SubmissionRejectedError",
-                                       "Raised when the server rejects a submission or poll request.",
-                                       {&mb::rejected_error::init}, PyExc_Exception));
-               add_object(module, n.SignalClientResponseError,
-                          define_class(module, "tallowmere.submit.SignalClientResponseError",
-                                       "Raised when signal_service returns an invalid response body.",
-                                       {&mb::response_error::init}, PyExc_Exception));
+               Ref rejected_error = define_class(module, "tallowmere.submit.SubmissionRejectedError",
+                                                 "Raised when the server rejects a submission or poll request.",
+                                                 {&mb::rejected_error::init, &mb::rejected_error::reduce},
+                                                 PyExc_Exception);
+               state->rejected_error_class = Ref(rejected_error).release();
+               add_object(module, n.SubmissionRejectedError, rejected_error);
+               Ref response_error = define_class(module, "tallowmere.submit.SignalClientResponseError",
+                                                 "Raised when signal_service returns an invalid response body.",
+                                                 {&mb::response_error::init, &mb::response_error::reduce},
+                                                 PyExc_Exception);
+               state->response_error_class = Ref(response_error).release();
+               add_object(module, n.SignalClientResponseError, response_error);
 
                for (const Member* m : {&mb::join_url, &mb::parse_response_json, &mb::coerce_status_metric,
                                        &mb::failure_reason_from_status_body, &mb::public_status_body,

@@ -18,6 +18,11 @@ struct ModuleState {
     PyObject* default_whence;          // 0
     PyObject* default_pool_field_name; // "signal_pool_name"
 
+    // The two error classes as this module made them (their methods call
+    // super() with them; the module globals of their names may be replaced).
+    PyObject* rejected_error_class;
+    PyObject* response_error_class;
+
     // Constant objects of hot paths.
     PyObject* empty_text;           // ""
     PyObject* canonical_separators; // (",", ":")

@@ -5,6 +5,8 @@
 #include "core/python.hpp"
 #include "members.hpp"
 
+#include <vector>
+
 namespace tallowmere {
 
 namespace {
@@ -29,28 +31,33 @@ Ref percent_encode(const Module& m, const Ref& value) {
     const auto* bytes = reinterpret_cast<const unsigned char*>(PyBytes_AS_STRING(encoded.get()));
     Py_ssize_t size = PyBytes_GET_SIZE(encoded.get());
 
-    // Membership is decided by the module's _UNRESERVED_BYTES as it is now; the
-    // table answers for the frozenset the module was loaded with.
+    // Whether each byte is kept, asked of the module's _UNRESERVED_BYTES as it
+    // is now, byte by byte; the table answers for the frozenset the module was
+    // loaded with. (`encoded` is immutable and held, so its bytes stay put
+    // while a replaced set's __contains__ runs.)
     Ref unreserved = m.global(m.n._UNRESERVED_BYTES);
-    bool table_applies = unreserved.is(Borrowed(m.state().unreserved_bytes));
-    std::array<bool, 256> keep = m.state().unreserved_table;
-    if (!table_applies) {
-        std::array<bool, 256> asked{};
-        for (Py_ssize_t i = 0; i < size; ++i) {
-            unsigned char byte = bytes[i];
-            if (asked[byte]) continue;
-            asked[byte] = true;
-            keep[byte] = contains(unreserved, integer(byte));
-        }
+    const bool by_table = unreserved.is(Borrowed(m.state().unreserved_bytes));
+    std::vector<bool> answers;
+    if (!by_table) {
+        answers.resize(static_cast<size_t>(size));
+        for (Py_ssize_t i = 0; i < size; ++i) answers[i] = contains(unreserved, integer(bytes[i]));
     }
+    const std::array<bool, 256>& table = m.state().unreserved_table;
+    auto kept = [&](Py_ssize_t i) { return by_table ? table[bytes[i]] : answers[i]; };
 
+    // A kept byte b becomes chr(b): a caller who widens the set past ASCII
+    // gets Latin-1 characters, so the text is sized for the largest one.
     Py_ssize_t out_size = 0;
-    for (Py_ssize_t i = 0; i < size; ++i) out_size += keep[bytes[i]] ? 1 : 3;
-    Ref result = Ref::checked(PyUnicode_New(out_size, 127));
+    Py_UCS4 max_char = 127;
+    for (Py_ssize_t i = 0; i < size; ++i) {
+        out_size += kept(i) ? 1 : 3;
+        if (kept(i) && bytes[i] > max_char) max_char = bytes[i];
+    }
+    Ref result = Ref::checked(PyUnicode_New(out_size, max_char));
     auto* out = static_cast<Py_UCS1*>(PyUnicode_DATA(result.get()));
     for (Py_ssize_t i = 0; i < size; ++i) {
         unsigned char byte = bytes[i];
-        if (keep[byte]) {
+        if (kept(i)) {
             *out++ = byte;
         } else {
             *out++ = '%';
@@ -117,10 +124,9 @@ Ref parse_response_json(const Module& m, const Ref& status_code, const Ref& resp
             if (!caught.matches(decode_errors)) caught.reraise();
             log_unusable_response(m, "Malformed JSON response from %s status=%s operation=%s raw_body=%r",
                                   status_code, response_body_bytes, url, operation);
-            Ref error =
-                response_error(m, "Malformed JSON response from ", status_code, response_body_bytes, url, operation);
-            PyException_SetCause(error.get(), Ref(caught.exception()).release());
-            raise_instance(error);
+            raise_instance_from(
+                response_error(m, "Malformed JSON response from ", status_code, response_body_bytes, url, operation),
+                caught.exception());
         });
     if (!is_dict(data)) {
         log_unusable_response(m, "Non-object JSON response from %s status=%s operation=%s raw_body=%r", status_code,
@@ -156,7 +162,7 @@ Ref request_json(const Module& m, const Ref& method, const Ref& endpoint, const 
     Ref body_bytes = Ref(none());
     if (!body.is_none()) {
         set_item(headers, Borrowed(n.Content_Type), Borrowed(n.application_json));
-        Ref idempotency_key = is_dict(body) ? mapping_get(body, n.idempotency_key) : Ref(none());
+        Ref idempotency_key = is_dict(body) ? mapping_get(m, body, n.idempotency_key) : Ref(none());
         if (truthy(idempotency_key)) set_item(headers, Borrowed(n.Idempotency_Key), str(idempotency_key));
         Ref serialised = call_method(m.global(n.json), n.dumps, body);
         body_bytes = call_method(serialised, n.encode, Borrowed(n.utf_8));

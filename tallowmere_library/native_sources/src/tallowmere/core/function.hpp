@@ -10,6 +10,9 @@
 // The implementation's first parameter is the module context it runs in
 // (`ModuleContext<State>`), made from the module or the defining class.
 //     const Member join_url_member = member<join_url_signature, join_url>();
+//
+// An instance method's implementation takes `self` after the context:
+//     Ref read(const Module& m, const Ref& self, const Ref& size);
 #pragma once
 
 #include "core/module.hpp"
@@ -71,7 +74,10 @@ constexpr Param keyword_only(const char* name, DefaultValue default_value = requ
 
 // How a callable is bound into the module:
 // - module_function: a module-level function (receives the module);
-// - instance_method: a method descriptor on a class (receives the instance);
+// - instance_method: a function of a class (classes.hpp), which binds to an
+//   instance like a Python-defined method: its first parameter is `self`, not
+//   written in the declaration, and like any Python parameter it may also be
+//   passed by keyword;
 // - static_method / class_method: a module function wrapped in staticmethod /
 //   classmethod and stored on a class (a class method's first parameter is `cls`);
 // - property_getter: a module function wrapped in property (first parameter `self`).
@@ -101,21 +107,29 @@ constexpr Signature<sizeof...(Params)> signature(const char* qualname, Binding b
     return {qualname, binding, doc, {params...}};
 }
 
-// Parses vectorcall arguments into one borrowed value per parameter, with the
-// interpreter's own TypeError texts for missing, surplus and unknown arguments.
+// The values a callable receives: one per declared parameter, and for an
+// instance method `self` in front.
+constexpr size_t parsed_count(Binding binding, size_t declared) {
+    return declared + (binding == Binding::instance_method ? 1 : 0);
+}
+
+// Parses vectorcall arguments into one borrowed value per parameter (`self`
+// first for an instance method), with the interpreter's own TypeError texts for
+// missing, surplus and unknown arguments.
 void parse_arguments(const ModuleBase& m, const SignatureView& signature, PyObject* const* args, Py_ssize_t nargs,
                      PyObject* kwnames, PyObject** out);
 
-// "name($module, /, a, b=None, *, c)\n--\n\n" followed by the docstring.
+// "name($module, /, a, b=None, *, c)\n--\n\n" followed by the docstring: the
+// text signature and docstring of a module function (or static or class method).
 std::string signature_docstring(const SignatureView& signature);
 
-template <size_t N>
-std::array<Borrowed, N> parse(const ModuleBase& m, const Signature<N>& signature, PyObject* const* args,
-                              Py_ssize_t nargs, PyObject* kwnames) {
-    std::array<PyObject*, N> raw{};
-    parse_arguments(m, signature.view(), args, nargs, kwnames, raw.data());
-    std::array<Borrowed, N> values;
-    for (size_t i = 0; i < N; ++i) values[i] = Borrowed(raw[i]);
+template <const auto& Sig>
+auto parse(const ModuleBase& m, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    constexpr size_t count = parsed_count(Sig.binding, Sig.params.size());
+    std::array<PyObject*, count> raw{};
+    parse_arguments(m, Sig.view(), args, nargs, kwnames, raw.data());
+    std::array<Borrowed, count> values;
+    for (size_t i = 0; i < count; ++i) values[i] = Borrowed(raw[i]);
     return values;
 }
 
@@ -153,25 +167,33 @@ template <const auto& Sig, auto Impl>
 PyObject* module_entry(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) noexcept {
     return guarded([&] {
         auto m = context_t<Impl>::of(module);
-        auto values = parse(m, Sig, args, nargs, kwnames);
+        auto values = parse<Sig>(m, args, nargs, kwnames);
         return std::apply([&](auto... value) { return Impl(m, value...); }, values);
     });
 }
 
+// The module an instance method's function object belongs to (classes.cpp).
+PyObject* method_module(PyObject* method);
+
+// The vectorcall entry of an instance method's function object: `args` begin
+// with `self` (the interpreter passes it first, as for any Python method).
 template <const auto& Sig, auto Impl>
-PyObject* method_entry(PyObject* self, PyTypeObject* defining_class, PyObject* const* args, size_t nargsf,
-                       PyObject* kwnames) noexcept {
+PyObject* method_entry(PyObject* method, PyObject* const* args, size_t nargsf, PyObject* kwnames) noexcept {
     return guarded([&] {
-        auto m = context_t<Impl>::of_class(defining_class);
-        auto values = parse(m, Sig, args, PyVectorcall_NARGS(nargsf), kwnames);
-        return std::apply([&](auto... value) { return Impl(m, Borrowed(self), value...); }, values);
+        auto m = context_t<Impl>::of(method_module(method));
+        auto values = parse<Sig>(m, args, PyVectorcall_NARGS(nargsf), kwnames);
+        return std::apply([&](auto... value) { return Impl(m, value...); }, values);
     });
 }
 
-// A callable ready to be bound into the module or one of its classes.
+// A callable ready to be bound into the module or one of its classes: a
+// builtin function (`method_def`) for every binding but instance_method, whose
+// function object calls `method_call`.
 struct Member {
     Binding binding;
     PyMethodDef* (*method_def)();
+    vectorcallfunc method_call;
+    SignatureView (*signature)();
 };
 
 const char* unqualified_name(const char* qualname);
@@ -183,21 +205,25 @@ PyMethodDef* method_def_of() {
         PyMethodDef d{};
         d.ml_name = unqualified_name(Sig.qualname);
         d.ml_doc = doc.c_str();
-        if constexpr (Sig.binding == Binding::instance_method) {
-            d.ml_meth = reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&method_entry<Sig, Impl>));
-            d.ml_flags = METH_METHOD | METH_FASTCALL | METH_KEYWORDS;
-        } else {
-            d.ml_meth = reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&module_entry<Sig, Impl>));
-            d.ml_flags = METH_FASTCALL | METH_KEYWORDS;
-        }
+        d.ml_meth = reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&module_entry<Sig, Impl>));
+        d.ml_flags = METH_FASTCALL | METH_KEYWORDS;
         return d;
     }();
     return &def;
 }
 
+template <const auto& Sig>
+SignatureView signature_view_of() {
+    return Sig.view();
+}
+
 template <const auto& Sig, auto Impl>
 constexpr Member member() {
-    return {Sig.binding, &method_def_of<Sig, Impl>};
+    if constexpr (Sig.binding == Binding::instance_method) {
+        return {Sig.binding, nullptr, &method_entry<Sig, Impl>, &signature_view_of<Sig>};
+    } else {
+        return {Sig.binding, &method_def_of<Sig, Impl>, nullptr, &signature_view_of<Sig>};
+    }
 }
 
 }  // namespace tallowmere

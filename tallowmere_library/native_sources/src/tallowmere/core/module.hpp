@@ -13,6 +13,10 @@ namespace tallowmere {
 
 class ModuleBase {
 public:
+    // The context of `module` when its state type does not matter.
+    explicit ModuleBase(PyObject* module)
+        : ModuleBase(module, PyModule_GetDict(module), PyModule_GetState(module)) {}
+
     // The module global `name`, read now (NameError when it is missing).
     Ref global(PyObject* name) const;
 

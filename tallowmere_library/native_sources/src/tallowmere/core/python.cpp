@@ -86,30 +86,24 @@ Ref new_list() { return Ref::checked(PyList_New(0)); }
 
 namespace {
 
-// The value of an exact dict, borrowed into a new reference, or an empty Ref
-// when the key is missing.
-Ref exact_dict_value(const Ref& dict, const Ref& key) {
+// The value of an exact dict as a new reference, or nothing when the key is missing.
+std::optional<Ref> exact_dict_value(const Ref& dict, const Ref& key) {
     PyObject* value = PyDict_GetItemWithError(dict.get(), key.get());
-    if (value == nullptr && PyErr_Occurred()) propagate();
-    return Ref(Borrowed(value));
+    if (value != nullptr) return Ref(Borrowed(value));
+    if (PyErr_Occurred()) propagate();
+    return std::nullopt;
 }
 
 }  // namespace
 
-Ref mapping_get(const Ref& mapping, const Ref& key) {
-    if (PyDict_CheckExact(mapping.get())) {
-        Ref value = exact_dict_value(mapping, key);
-        return value ? value : Ref(none());
-    }
-    return Ref::checked(PyObject_CallMethod(mapping.get(), "get", "O", key.get()));
+Ref mapping_get_by(PyObject* get_name, const Ref& mapping, const Ref& key) {
+    if (PyDict_CheckExact(mapping.get())) return exact_dict_value(mapping, key).value_or(Ref(none()));
+    return call_method(mapping, get_name, key);
 }
 
-Ref mapping_get_or(const Ref& mapping, const Ref& key, const Ref& fallback) {
-    if (PyDict_CheckExact(mapping.get())) {
-        Ref value = exact_dict_value(mapping, key);
-        return value ? value : Ref(fallback);
-    }
-    return Ref::checked(PyObject_CallMethod(mapping.get(), "get", "OO", key.get(), fallback.get()));
+Ref mapping_get_or_by(PyObject* get_name, const Ref& mapping, const Ref& key, const Ref& fallback) {
+    if (PyDict_CheckExact(mapping.get())) return exact_dict_value(mapping, key).value_or(fallback);
+    return call_method(mapping, get_name, key, fallback);
 }
 
 void set_item(const Ref& mapping, const Ref& key, const Ref& value) {
@@ -156,7 +150,9 @@ Ref slice_to(const Ref& sequence, const Ref& stop) {
 
 Ref only_member(const Ref& set) {
     Ref iterator = Ref::checked(PyObject_GetIter(set.get()));
-    return Ref::checked(PyIter_Next(iterator.get()));
+    PyObject* member = PyIter_Next(iterator.get());
+    if (member == nullptr && !PyErr_Occurred()) PyErr_SetNone(PyExc_StopIteration);
+    return Ref::checked(member);
 }
 
 // ---- text ----------------------------------------------------------------------
@@ -210,7 +206,16 @@ std::pair<Ref, Ref> unpack_pair(const Ref& result) {
     if (PyTuple_CheckExact(result.get()) && PyTuple_GET_SIZE(result.get()) == 2) {
         return {Ref(Borrowed(PyTuple_GET_ITEM(result.get(), 0))), Ref(Borrowed(PyTuple_GET_ITEM(result.get(), 1)))};
     }
-    Ref iterator = Ref::checked(PyObject_GetIter(result.get()));
+    PyObject* iterable = PyObject_GetIter(result.get());
+    if (iterable == nullptr) {
+        // The interpreter's own wording for `a, b = value` when value cannot be iterated.
+        if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(result.get())->tp_iter == nullptr &&
+            !PySequence_Check(result.get())) {
+            PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(result.get())->tp_name);
+        }
+        propagate();
+    }
+    Ref iterator = Ref::steal(iterable);
     Ref values[2];
     for (int i = 0; i < 2; ++i) {
         values[i] = Ref::steal(PyIter_Next(iterator.get()));
@@ -242,14 +247,67 @@ void raise_value_error(const char* message) { raise(PyExc_ValueError, message); 
 void raise_value_error(const Ref& message) { raise(PyExc_ValueError, message); }
 
 void raise_from(PyObject* type, const char* message, const Ref& cause) {
-    Ref exception = call(Borrowed(type), text(message));
-    PyException_SetCause(exception.get(), Ref(cause).release());
-    raise_instance(exception);
+    raise_instance_from(call(Borrowed(type), text(message)), cause);
 }
 
-void raise_instance(const Ref& exception) {
+namespace {
+
+// The exception instance `raise value` raises (the interpreter's do_raise).
+Ref exception_to_raise(const Ref& value) {
+    if (PyExceptionInstance_Check(value.get())) return value;
+    if (PyExceptionClass_Check(value.get())) {
+        Ref instance = Ref::checked(PyObject_CallNoArgs(value.get()));
+        if (!PyExceptionInstance_Check(instance.get())) {
+            PyErr_Format(PyExc_TypeError, "calling %R should have returned an instance of BaseException, not %R",
+                         value.get(), Py_TYPE(instance.get()));
+            propagate();
+        }
+        return instance;
+    }
+    raise(PyExc_TypeError, "exceptions must derive from BaseException");
+}
+
+[[noreturn]] void set_raised(const Ref& exception) {
     PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(exception.get())), exception.get());
     propagate();
+}
+
+}  // namespace
+
+void raise_instance(const Ref& value) { set_raised(exception_to_raise(value)); }
+
+void raise_instance_from(const Ref& value, const Ref& cause) {
+    Ref exception = exception_to_raise(value);
+    Ref fixed_cause;
+    if (PyExceptionClass_Check(cause.get())) {
+        fixed_cause = Ref::checked(PyObject_CallNoArgs(cause.get()));
+        if (!PyExceptionInstance_Check(fixed_cause.get())) {
+            PyErr_Format(PyExc_TypeError, "calling %R should have returned an instance of BaseException, not %R",
+                         cause.get(), Py_TYPE(fixed_cause.get()));
+            propagate();
+        }
+    } else if (PyExceptionInstance_Check(cause.get())) {
+        fixed_cause = cause;
+    } else if (!cause.is_none()) {
+        raise(PyExc_TypeError, "exception causes must derive from BaseException");
+    }
+    // Steals the new reference; a NULL cause clears __cause__ and sets __suppress_context__.
+    PyException_SetCause(exception.get(), fixed_cause.release());
+    set_raised(exception);
+}
+
+bool Caught::matches(const Ref& types) const {
+    auto invalid = [](PyObject* candidate) { return !PyExceptionClass_Check(candidate); };
+    bool rejected = false;
+    if (PyTuple_Check(types.get())) {
+        for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(types.get()) && !rejected; ++i) {
+            rejected = invalid(PyTuple_GET_ITEM(types.get(), i));
+        }
+    } else {
+        rejected = invalid(types.get());
+    }
+    if (rejected) raise(PyExc_TypeError, "catching classes that do not inherit from BaseException is not allowed");
+    return PyErr_GivenExceptionMatches(exception_.get(), types.get()) != 0;
 }
 
 void Caught::reraise() const {

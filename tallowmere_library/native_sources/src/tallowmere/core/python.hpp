@@ -7,6 +7,7 @@
 #include "core/ref.hpp"
 
 #include <initializer_list>
+#include <optional>
 #include <utility>
 
 namespace tallowmere {
@@ -74,11 +75,25 @@ inline bool is_exact_float(const Ref& value) { return PyFloat_CheckExact(value.g
 
 Ref new_dict();
 Ref new_list();
-// mapping.get(key); a dict subclass's own `get` (or any mapping's) is honoured.
-Ref mapping_get(const Ref& mapping, const Ref& key);
-inline Ref mapping_get(const Ref& mapping, PyObject* key) { return mapping_get(mapping, Borrowed(key)); }
+// mapping.get(key): an exact dict is read directly; anything else (a dict
+// subclass, any object with `get`) has its own `get` called, found by the
+// interned name `get_name`.
+Ref mapping_get_by(PyObject* get_name, const Ref& mapping, const Ref& key);
 // mapping.get(key, fallback)
-Ref mapping_get_or(const Ref& mapping, const Ref& key, const Ref& fallback);
+Ref mapping_get_or_by(PyObject* get_name, const Ref& mapping, const Ref& key, const Ref& fallback);
+// The same with the module's interned "get" (its names table has `get`).
+template <class State>
+Ref mapping_get(const ModuleContext<State>& m, const Ref& mapping, const Ref& key) {
+    return mapping_get_by(m.n.get, mapping, key);
+}
+template <class State>
+Ref mapping_get(const ModuleContext<State>& m, const Ref& mapping, PyObject* key) {
+    return mapping_get_by(m.n.get, mapping, Borrowed(key));
+}
+template <class State>
+Ref mapping_get_or(const ModuleContext<State>& m, const Ref& mapping, const Ref& key, const Ref& fallback) {
+    return mapping_get_or_by(m.n.get, mapping, key, fallback);
+}
 // mapping[key] = value
 void set_item(const Ref& mapping, const Ref& key, const Ref& value);
 // container[key]
@@ -93,26 +108,63 @@ Ref new_tuple(std::initializer_list<Arg> items);
 // sequence[start:stop]
 Ref slice(const Ref& sequence, Py_ssize_t start, Py_ssize_t stop);
 Ref slice_to(const Ref& sequence, const Ref& stop);
-// for item in iterable: visit(item)
+// Whether `iterable` is an exact list or tuple, walked by index: what their
+// iterators do (read item i while i is in range, as a new reference), without
+// making one.
+inline bool walked_by_index(const Ref& iterable) {
+    return PyList_CheckExact(iterable.get()) || PyTuple_CheckExact(iterable.get());
+}
+
+// for item in iterable: visit(item). Each item is a new reference, so a
+// container changed by `visit` (or by anything it calls) leaves nothing dangling.
 template <class Visit>
 void for_each(const Ref& iterable, Visit&& visit) {
+    if (walked_by_index(iterable)) {
+        for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(iterable.get()); ++i) {
+            Ref item(Borrowed(PySequence_Fast_GET_ITEM(iterable.get(), i)));
+            visit(item);
+        }
+        return;
+    }
     Ref iterator = Ref::checked(PyObject_GetIter(iterable.get()));
     while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) visit(item);
     if (PyErr_Occurred()) propagate();
 }
 
-// The first non-empty Ref that visit(item) returns, or an empty Ref.
+// for key, value in dict.items() over an exact dict or a dict subclass's own
+// storage, each pair held as new references for the length of `visit(key,
+// value)` (comparisons and hashing can run Python code that empties the dict).
 template <class Visit>
-Ref find_first(const Ref& iterable, Visit&& visit) {
-    Ref iterator = Ref::checked(PyObject_GetIter(iterable.get()));
-    while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
-        if (Ref found = visit(item)) return found;
+void for_each_dict_item(const Ref& dict, Visit&& visit) {
+    PyObject *key, *value;
+    Py_ssize_t position = 0;
+    while (PyDict_Next(dict.get(), &position, &key, &value)) {
+        Ref held_key(Borrowed{key}), held_value(Borrowed{value});
+        visit(held_key, held_value);
     }
-    if (PyErr_Occurred()) propagate();
-    return Ref();
 }
 
-// The one member of a one-member set.
+// The first result that visit(item) gives, or nothing when no item gives one.
+// "Not found" is std::nullopt, never an empty Ref, so it cannot be mistaken for
+// a failure (or returned to the interpreter as NULL).
+template <class Visit>
+std::optional<Ref> find_first(const Ref& iterable, Visit&& visit) {
+    if (walked_by_index(iterable)) {
+        for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(iterable.get()); ++i) {
+            Ref item(Borrowed(PySequence_Fast_GET_ITEM(iterable.get(), i)));
+            if (std::optional<Ref> found = visit(item)) return found;
+        }
+        return std::nullopt;
+    }
+    Ref iterator = Ref::checked(PyObject_GetIter(iterable.get()));
+    while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
+        if (std::optional<Ref> found = visit(item)) return found;
+    }
+    if (PyErr_Occurred()) propagate();
+    return std::nullopt;
+}
+
+// next(iter(set)): the one member of a one-member set (StopIteration when empty).
 Ref only_member(const Ref& set);
 
 // a, b = value: exactly two items, with the interpreter's unpacking errors.
@@ -148,8 +200,12 @@ bool compare(const Ref& a, const Ref& b, int op);
 [[noreturn]] void raise_value_error(const Ref& message);
 // raise exception_type(message) from cause
 [[noreturn]] void raise_from(PyObject* type, const char* message, const Ref& cause);
-// raise instance (an exception object already built)
-[[noreturn]] void raise_instance(const Ref& exception);
+// `raise value`, checked as the interpreter checks it: an exception instance is
+// raised, an exception class is instantiated first, and anything else (a
+// replaced class that returned None, say) is a TypeError.
+[[noreturn]] void raise_instance(const Ref& value);
+// `raise value from cause`, with the same checks; a None cause clears it.
+[[noreturn]] void raise_instance_from(const Ref& value, const Ref& cause);
 
 // ---- catching ---------------------------------------------------------------------
 
@@ -158,8 +214,10 @@ class Caught {
 public:
     explicit Caught(Ref exception) : exception_(std::move(exception)) {}
     Borrowed exception() const { return exception_; }
-    // isinstance(exception, types), `types` a class or a tuple of classes.
-    bool matches(const Ref& types) const { return PyErr_GivenExceptionMatches(exception_.get(), types.get()) != 0; }
+    // Whether an `except types:` clause takes the exception. As in that clause,
+    // `types` must be an exception class or a tuple of them; anything else
+    // raises TypeError (while this exception is being handled).
+    bool matches(const Ref& types) const;
     // A bare `raise` inside the handler.
     [[noreturn]] void reraise() const;
 
@@ -185,9 +243,9 @@ private:
 
 // try: return body()
 // except: return handler(caught)
-// The handler re-raises what it does not handle.
+// The handler re-raises what it does not handle; both give the same type of result.
 template <class Body, class Handler>
-Ref try_except(Body&& body, Handler&& handler) {
+auto try_except(Body&& body, Handler&& handler) -> decltype(body()) {
     try {
         return body();
     } catch (const PyErrorSet&) {
