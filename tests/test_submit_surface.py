@@ -204,6 +204,15 @@ def test_every_instance_method_reads_like_a_python_method(cls: str, name: str, s
     assert str(inspect.signature(getattr(instance, name))) == bound
 
 
+def test_each_method_keeps_its_own_docstring() -> None:
+    methods = [SignalServiceClient.__dict__[name] for name, kind, _ in CLIENT_MEMBERS if kind == "instance"]
+    docs = [method.__doc__ for method in methods if method.__doc__ is not None]
+    assert len(docs) >= 8 and len(set(docs)) == len(docs)
+    client = SignalServiceClient("http://127.0.0.1:9", "t", transport=object())
+    assert client.submit_signal.__doc__ == SignalServiceClient.submit_signal.__doc__
+    assert SignalServiceClient.submit_signal.__doc__.startswith("Validate a signal against the active era")
+
+
 def test_self_is_an_ordinary_parameter() -> None:
     client = SignalServiceClient("http://127.0.0.1:9", "t", transport=object())
     assert SignalServiceClient.close(self=client) is None

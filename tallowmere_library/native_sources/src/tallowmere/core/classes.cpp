@@ -203,8 +203,9 @@ PyMemberDef method_members[] = {
 };
 
 Ref make_method_type() {
+    // No Py_tp_doc: the type's docstring would shadow each function's own
+    // `__doc__` (the getset below).
     PyType_Slot slots[] = {
-        {Py_tp_doc, const_cast<char*>("A function defined by a compiled class.")},
         {Py_tp_dealloc, reinterpret_cast<void*>(method_dealloc)},
         {Py_tp_traverse, reinterpret_cast<void*>(method_traverse)},
         {Py_tp_clear, reinterpret_cast<void*>(method_clear)},
