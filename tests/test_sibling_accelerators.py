@@ -197,7 +197,7 @@ def node(children: st.SearchStrategy[Any] | None = None) -> st.SearchStrategy[An
     op = st.one_of(st.sampled_from(["rank", "ts_mean", "close"]), st.sampled_from(["", None, 5]),
                    st.builds(Text, st.just("neg")))  # fmt: skip
     params = st.dictionaries(st.sampled_from(["window", "lag", "name", "é", "\x00k"]) | keys, scalars, max_size=3)
-    malformed = st.sampled_from([None, "x", {}, [], ()])
+    malformed = st.one_of(st.sampled_from([None, "x", ()]), st.builds(dict), st.builds(list))  # fresh: they get mutated
     args = malformed if children is None else st.one_of(
         st.lists(children, min_size=1, max_size=3), st.lists(children, min_size=1, max_size=2).map(tuple),
         st.lists(children, max_size=2).map(Sequence), malformed)  # fmt: skip
