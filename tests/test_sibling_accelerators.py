@@ -420,6 +420,8 @@ MUTATIONS: list[Callable[[dict[str, Any]], None]] = [
     lambda g: g["args"].__setitem__(1, dict(g["args"][1])),
     lambda g: g["args"][0]["args"][0].__setitem__("op", "open"),
     lambda g: g["args"][0]["args"].append([]),
+    lambda g: g["args"][0]["args"][-1].append(7),
+    lambda g: g["args"][0]["args"][-1].__setitem__(0, 8),  # a leaf replaced, the list as long
     lambda g: g["args"][0]["args"].pop(),
     lambda g: g["args"][0]["args"].append({}),
     lambda g: g["args"][0]["args"][-1].__setitem__("k", math.nan),
@@ -431,42 +433,62 @@ MUTATIONS: list[Callable[[dict[str, Any]], None]] = [
 ]
 
 
-def test_fingerprint_follows_every_change_of_a_graph_fingerprinted_before() -> None:
-    compiled, python = both(graph_complexity, "graph_fingerprint")
+def remember(graph: Any) -> Any:
+    """Record a timing for ``graph`` and look it up as a submission does, which remembers its fingerprint."""
+    record = backtest_timing.record_backtest_timing(graph, elapsed_seconds=0.5, row_count=10,
+                                                    max_row_elapsed_seconds=0.01, frequency="1d")  # fmt: skip
+    assert _native.require_recorded_backtest_timing(graph) is record
+    return record
+
+
+def test_remembered_fingerprint_follows_every_change_of_its_graph() -> None:
+    python_fingerprint = both(graph_complexity, "graph_fingerprint")[1]
     graph: dict[str, Any] = {"op": "rank", "args": [{"op": "ts_mean", "window": 20, "args": [{"op": "close"}]},
                                                     {"op": "volume"}]}  # fmt: skip
     seen = set()
     for mutate in MUTATIONS:
-        first = outcome(compiled, graph)
-        assert same(first, outcome(python, graph))
-        assert same(outcome(compiled, graph), first)  # answered from the memo when it is unchanged
-        seen.add(first[1] if first[0] == "ok" else first[1][1])
+        before = outcome(python_fingerprint, graph)
+        record = remember(graph) if before[0] == "ok" else None
+        assert same(outcome(_native.graph_fingerprint, graph), before)  # answered from the memo
         mutate(graph)
+        after = outcome(python_fingerprint, graph)
+        assert same(outcome(_native.graph_fingerprint, graph), after)
+        if record is not None:
+            # The consumption fingerprints the graph as it is now.
+            consumed = outcome(_native.consume_recorded_backtest_timing, graph)
+            if after[0] == "raised":
+                assert consumed == after
+            else:
+                assert consumed[1] is backtest_timing._STORE.lookup(after[1])
+                assert (consumed[1] is record) is (after == before)
+        seen.add(str(after[1]))
     assert len(seen) > 10
 
 
-def test_fingerprint_sees_a_node_moved_into_a_nested_list() -> None:
-    compiled, python = both(graph_complexity, "graph_fingerprint")
+def test_remembered_fingerprint_sees_a_node_moved_into_a_nested_list() -> None:
     inner: list[Any] = [{"op": "close"}]
     outer: list[Any] = [{"op": "ts_mean", "args": inner}, {"op": "volume"}]
     graph = {"op": "rank", "args": outer}
-    assert compiled(graph) == python(graph)
-    inner.append(outer.pop())  # the same objects in the same order, nested differently
-    assert compiled(graph) == python(graph)
+    remember(graph)
+    inner.append(outer.pop())  # the same objects, nested differently
+    assert _native.graph_fingerprint(graph) == both(graph_complexity, "graph_fingerprint")[1](graph)
+    assert _native.consume_recorded_backtest_timing(graph) is None
 
 
-def test_memo_holds_a_bounded_number_of_graphs() -> None:
-    compiled = both(graph_complexity, "graph_fingerprint")[0]
-    graphs = [{"op": "close", "n": n} for n in range(50)]
+def test_memo_holds_a_bounded_number_of_graphs_until_they_are_consumed() -> None:
+    graphs = [{"op": "close", "n": n, "args": [{"op": "x"}]} for n in range(50)]
 
     def references() -> list[int]:
         return [sys.getrefcount(graphs[i]) for i in range(len(graphs))]
 
     before = references()
     for i in range(len(graphs)):
-        compiled(graphs[i])
+        remember(graphs[i])
     held = [after - earlier for after, earlier in zip(references(), before)]
-    assert held[:-8] == [0] * 42 and all(count > 0 for count in held[-8:])
+    assert held[:-8] == [0] * 42 and held[-8:] == [1] * 8
+    for i in range(len(graphs)):
+        _native.consume_recorded_backtest_timing(graphs[i])
+    assert references() == before
 
 
 # ---- replaced globals and changed classes -------------------------------------------------------------------

@@ -4,9 +4,9 @@
 // The store itself (its lock, expiry and bounds) stays the module's
 // BacktestTimingStore, called through the module's `_STORE` as the Python
 // functions call it; what is compiled is the work around it: the graph's
-// fingerprint (remembered for the graphs fingerprinted last, so that a
-// submission's lookup and its consumption fingerprint the graph once) and the
-// assessment of a record against an era's budgets.
+// fingerprint (computed once per submission: the lookup remembers it, the
+// consumption takes it while the graph is unchanged) and the assessment of a
+// record against an era's budgets.
 #include "_native/siblings/support.hpp"
 
 #include <cmath>
@@ -19,9 +19,9 @@ constexpr Sibling here = Sibling::backtest_timing;
 
 // graph_fingerprint(graph) through the module global, calling this module's
 // own fingerprint directly while the global is that function.
-Ref fingerprint_of(const Module& m, const Ref& graph) {
+Ref fingerprint_of(const Module& m, const Ref& graph, Memo memo) {
     Ref function = sibling_global(m, here, m.n.sib_graph_fingerprint);
-    if (function.get() == m.state().siblings.graph_fingerprint_function) return fingerprint_graph(m, graph);
+    if (function.get() == m.state().siblings.graph_fingerprint_function) return fingerprint_graph(m, graph, memo);
     return call(function, graph);
 }
 
@@ -45,7 +45,8 @@ Ref require_recorded_backtest_timing(const Module& m, const Ref& graph) {
     if (!sibling_intact(m, here)) {
         return call(python_implementation(m, here, n.sib_require_recorded_backtest_timing), graph);
     }
-    Ref record = call_method(store_of(m), n.sib_lookup, fingerprint_of(m, graph));
+    // The submission consumes the record later: remember the fingerprint.
+    Ref record = call_method(store_of(m), n.sib_lookup, fingerprint_of(m, graph, Memo::remember));
     if (record.is_none()) raise_missing_timing(m);
     return record;
 }
@@ -61,7 +62,7 @@ Ref consume_recorded_backtest_timing(const Module& m, const Ref& graph) {
     if (!sibling_intact(m, here)) {
         return call(python_implementation(m, here, n.sib_consume_recorded_backtest_timing), graph);
     }
-    return call_method(store_of(m), n.sib_consume, fingerprint_of(m, graph));
+    return call_method(store_of(m), n.sib_consume, fingerprint_of(m, graph, Memo::take));
 }
 
 constexpr auto require_all_signature =
@@ -80,7 +81,7 @@ Ref require_recorded_backtest_timings(const Module& m, const Ref& graphs) {
     Ref fingerprints = new_list();
     Py_ssize_t index = 0;
     for_each(graphs, [&](const Ref& graph) {
-        Ref fingerprint = try_except([&] { return fingerprint_of(m, graph); },
+        Ref fingerprint = try_except([&] { return fingerprint_of(m, graph, Memo::consult); },
                                      [&](const Caught& caught) -> Ref {
                                          if (!caught.matches(Borrowed(PyExc_ValueError))) caught.reraise();
                                          // raise ValueError(f"{exc} (batch item {index})") from None

@@ -11,10 +11,10 @@
 #include "_native/siblings/support.hpp"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstring>
-#include <string>
-#include <vector>
+#include <memory>
 
 namespace tallowmere::native {
 
@@ -80,7 +80,8 @@ bool measure(const Names& n, PyObject* graph, long long* depth_out, long long* c
         PyObject* children;  // the node's checked children once opened
         bool opened;
     };
-    std::vector<Frame> stack{{graph, nullptr, false}};
+    SmallVector<Frame, 64> stack;
+    stack.push_back({graph, nullptr, false});
     PointerTable<Measured> measured;
     PyObject* const no_children = nullptr;
     while (!stack.empty()) {
@@ -141,7 +142,8 @@ Ref measure_graph_complexity(const Module& m, const Ref& graph) {
 class CanonicalJson {
 public:
     bool encode(PyObject* value);
-    const std::string& text() const { return text_; }
+    const char* data() const { return text_.data(); }
+    size_t size() const { return text_.size(); }
 
 private:
     enum class Kind : unsigned char { value, key, comma, close_list, close_dict };
@@ -149,38 +151,49 @@ private:
         Kind kind;
         PyObject* object;
     };
+    struct Item {
+        PyObject* key;
+        PyObject* value;
+    };
 
     bool scalar(PyObject* value);
     void string(PyObject* value);
     bool open(PyObject* container);
+    void add(char c) { text_.push_back(c); }
+    void add(const char* text, size_t length) { text_.append(text, length); }
+    void add(const char* text) { add(text, std::strlen(text)); }
 
-    std::string text_;
-    std::vector<Work> work_;
+    SmallVector<char, 1024> text_;
+    SmallVector<Work, 64> work_;
+    SmallVector<Item, 16> items_;
     PointerTable<bool> open_containers_;
 };
 
-void escape(std::string& out, Py_UCS4 c) {
+// The escape json.dumps writes (with ensure_ascii) for a character it does
+// not write as it is.
+template <class Text>
+void escape(Text& out, Py_UCS4 c) {
     static constexpr char digits[] = "0123456789abcdef";
-    out += '\\';
+    out.push_back('\\');
     switch (c) {
         case '\\':
         case '"':
-            out += static_cast<char>(c);
+            out.push_back(static_cast<char>(c));
             return;
         case '\b':
-            out += 'b';
+            out.push_back('b');
             return;
         case '\f':
-            out += 'f';
+            out.push_back('f');
             return;
         case '\n':
-            out += 'n';
+            out.push_back('n');
             return;
         case '\r':
-            out += 'r';
+            out.push_back('r');
             return;
         case '\t':
-            out += 't';
+            out.push_back('t');
             return;
         default:
             break;
@@ -188,59 +201,60 @@ void escape(std::string& out, Py_UCS4 c) {
     if (c >= 0x10000) {
         // A UTF-16 surrogate pair.
         Py_UCS4 high = 0xd800 | ((c - 0x10000) >> 10);
-        out += 'u';
-        for (int shift = 12; shift >= 0; shift -= 4) out += digits[(high >> shift) & 0xf];
+        out.push_back('u');
+        for (int shift = 12; shift >= 0; shift -= 4) out.push_back(digits[(high >> shift) & 0xf]);
         c = 0xdc00 | ((c - 0x10000) & 0x3ff);
-        out += '\\';
+        out.push_back('\\');
     }
-    out += 'u';
-    for (int shift = 12; shift >= 0; shift -= 4) out += digits[(c >> shift) & 0xf];
+    out.push_back('u');
+    for (int shift = 12; shift >= 0; shift -= 4) out.push_back(digits[(c >> shift) & 0xf]);
 }
 
 inline bool printable_ascii(Py_UCS4 c) { return c >= ' ' && c <= '~' && c != '\\' && c != '"'; }
 
 void CanonicalJson::string(PyObject* value) {
     Py_ssize_t length = PyUnicode_GET_LENGTH(value);
-    text_ += '"';
+    add('"');
     if (PyUnicode_IS_ASCII(value)) {
         const char* data = reinterpret_cast<const char*>(PyUnicode_1BYTE_DATA(value));
         Py_ssize_t start = 0;
         for (Py_ssize_t i = 0; i < length; ++i) {
             if (printable_ascii(static_cast<unsigned char>(data[i]))) continue;
-            text_.append(data + start, static_cast<size_t>(i - start));
+            add(data + start, static_cast<size_t>(i - start));
             escape(text_, static_cast<unsigned char>(data[i]));
             start = i + 1;
         }
-        text_.append(data + start, static_cast<size_t>(length - start));
+        add(data + start, static_cast<size_t>(length - start));
     } else {
         int kind = PyUnicode_KIND(value);
         const void* data = PyUnicode_DATA(value);
         for (Py_ssize_t i = 0; i < length; ++i) {
             Py_UCS4 c = PyUnicode_READ(kind, data, i);
             if (printable_ascii(c)) {
-                text_ += static_cast<char>(c);
+                add(static_cast<char>(c));
             } else {
                 escape(text_, c);
             }
         }
     }
-    text_ += '"';
+    add('"');
 }
 
 bool CanonicalJson::scalar(PyObject* value) {
     if (PyUnicode_CheckExact(value)) {
         string(value);
     } else if (value == Py_None) {
-        text_ += "null";
+        add("null");
     } else if (value == Py_True) {
-        text_ += "true";
+        add("true");
     } else if (value == Py_False) {
-        text_ += "false";
+        add("false");
     } else if (PyLong_CheckExact(value)) {
         int overflow = 0;
         long long number = PyLong_AsLongLongAndOverflow(value, &overflow);
         if (overflow == 0) {
-            text_ += std::to_string(number);
+            char digits[24];
+            add(digits, static_cast<size_t>(std::to_chars(digits, digits + sizeof digits, number).ptr - digits));
         } else {
             // int.__repr__, which refuses integers beyond the interpreter's digit limit.
             Ref digits = Ref::steal(PyLong_Type.tp_repr(value));
@@ -248,7 +262,7 @@ bool CanonicalJson::scalar(PyObject* value) {
             Py_ssize_t size = 0;
             const char* utf8 = PyUnicode_AsUTF8AndSize(digits.get(), &size);
             if (utf8 == nullptr) return false;
-            text_.append(utf8, static_cast<size_t>(size));
+            add(utf8, static_cast<size_t>(size));
         }
     } else if (PyFloat_CheckExact(value)) {
         double number = PyFloat_AS_DOUBLE(value);
@@ -256,7 +270,7 @@ bool CanonicalJson::scalar(PyObject* value) {
         // float.__repr__
         char* repr = PyOS_double_to_string(number, 'r', 0, Py_DTSF_ADD_DOT_0, nullptr);
         if (repr == nullptr) return false;
-        text_ += repr;
+        add(repr);
         PyMem_Free(repr);
     } else {
         return false;
@@ -272,25 +286,24 @@ bool CanonicalJson::open(PyObject* container) {
 
 bool CanonicalJson::encode(PyObject* root) {
     work_.push_back({Kind::value, root});
-    std::vector<std::pair<PyObject*, PyObject*>> items;
     while (!work_.empty()) {
         Work entry = work_.back();
         work_.pop_back();
         PyObject* value = entry.object;
         switch (entry.kind) {
             case Kind::comma:
-                text_ += ',';
+                add(',');
                 continue;
             case Kind::key:
                 string(value);
-                text_ += ':';
+                add(':');
                 continue;
             case Kind::close_list:
-                text_ += ']';
+                add(']');
                 open_containers_.erase(value);
                 continue;
             case Kind::close_dict:
-                text_ += '}';
+                add('}');
                 open_containers_.erase(value);
                 continue;
             case Kind::value:
@@ -299,11 +312,11 @@ bool CanonicalJson::encode(PyObject* root) {
         if (is_list_or_tuple(value)) {
             Py_ssize_t size = size_of(value);
             if (size == 0) {
-                text_ += "[]";
+                add("[]");
                 continue;
             }
             if (!open(value)) return false;
-            text_ += '[';
+            add('[');
             work_.push_back({Kind::close_list, value});
             for (Py_ssize_t i = size - 1; i >= 0; --i) {
                 work_.push_back({Kind::value, item_of(value, i)});
@@ -311,26 +324,26 @@ bool CanonicalJson::encode(PyObject* root) {
             }
         } else if (PyDict_CheckExact(value)) {
             if (PyDict_GET_SIZE(value) == 0) {
-                text_ += "{}";
+                add("{}");
                 continue;
             }
             if (!open(value)) return false;
-            items.clear();
+            items_.clear();
             Py_ssize_t position = 0;
             PyObject *key, *member;
             while (PyDict_Next(value, &position, &key, &member)) {
                 if (!PyUnicode_CheckExact(key)) return false;
-                items.emplace_back(key, member);
+                items_.push_back({key, member});
             }
             // Keys of one dict are distinct, so the order of the keys alone
             // decides, as sorting the (key, value) pairs does.
-            std::sort(items.begin(), items.end(),
-                      [](const auto& a, const auto& b) { return PyUnicode_Compare(a.first, b.first) < 0; });
-            text_ += '{';
+            std::sort(items_.begin(), items_.end(),
+                      [](const Item& a, const Item& b) { return PyUnicode_Compare(a.key, b.key) < 0; });
+            add('{');
             work_.push_back({Kind::close_dict, value});
-            for (size_t i = items.size(); i-- > 0;) {
-                work_.push_back({Kind::value, items[i].second});
-                work_.push_back({Kind::key, items[i].first});
+            for (size_t i = items_.size(); i-- > 0;) {
+                work_.push_back({Kind::value, items_[i].value});
+                work_.push_back({Kind::key, items_[i].key});
                 if (i > 0) work_.push_back({Kind::comma, nullptr});
             }
         } else if (!scalar(value)) {
@@ -341,90 +354,149 @@ bool CanonicalJson::encode(PyObject* root) {
 }
 
 // ---- the memo of recent fingerprints ----------------------------------------------------------
+//
+// A submission looks its graph's timing up and later consumes it, each time
+// by the graph's fingerprint. The lookup remembers the graph it fingerprinted,
+// with what proves it unchanged; the consumption takes that fingerprint when
+// the graph is the same object and unchanged, instead of computing it again.
+//
+// The proof: the version tag of every dict in the graph (CPython 3.12 renews
+// a dict's tag at each change of it) and the items of every list. The memo
+// holds the graph and the items of its lists, so every object in it stays
+// alive: a dict whose tag is unchanged still holds the same keys and values,
+// a list whose items are the same objects is unchanged, a tuple cannot change,
+// and the exact str, int, float, bool and None values a fingerprinted graph is
+// made of cannot change either. Equal proof, equal canonical text.
 
-// A graph's structure: every object in it, in dict and list order, each
-// container followed by its members and closed by a marker. Two graphs with
-// the same structure (by identity, the objects held so that they cannot be
-// replaced by others at the same address) have the same canonical text:
-// the exact types that appear in a fingerprinted graph cannot change their
-// value or their type.
-constexpr size_t memo_max_objects = 512;
-PyObject* end_marker() { return Py_Ellipsis; }
+// The items of the walk: for a dict its address and version tag, for a list
+// its address, length and items, for a tuple its address; containers are
+// entered in dict and list order.
+using ShapeWords = SmallVector<uintptr_t, 32>;
+
+uint64_t dict_version(PyObject* dict) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    return reinterpret_cast<PyDictObject*>(dict)->ma_version_tag;
+#pragma GCC diagnostic pop
+}
 
 bool is_container(PyObject* value) { return PyDict_CheckExact(value) || is_list_or_tuple(value); }
 
-// Calls step(object) for each object of the structure in turn; stops at the
-// first false and answers false.
-template <class Step>
-bool walk_structure(PyObject* graph, Step&& step) {
-    struct Frame {
-        PyObject* container;
-        Py_ssize_t position;
-    };
-    std::vector<Frame> frames;
-    if (!step(graph)) return false;
-    if (is_container(graph)) frames.push_back({graph, 0});
-    while (!frames.empty()) {
-        Frame& top = frames.back();
-        PyObject* next = nullptr;
-        if (PyDict_CheckExact(top.container)) {
-            PyObject* key;
-            if (PyDict_Next(top.container, &top.position, &key, &next) && !step(key)) return false;
-        } else if (top.position < size_of(top.container)) {
-            next = item_of(top.container, top.position++);
+// Calls note(word) for each item of the graph's shape in turn, and hold(item)
+// for each list item; stops at the first false that note returns.
+template <class Note, class Hold>
+bool walk_shape(PyObject* graph, Note&& note, Hold&& hold) {
+    SmallVector<PyObject*, 32> pending;
+    if (is_container(graph)) pending.push_back(graph);
+    while (!pending.empty()) {
+        PyObject* container = pending.back();
+        pending.pop_back();
+        size_t first_child = pending.size();
+        if (!note(reinterpret_cast<uintptr_t>(container))) return false;
+        if (PyDict_CheckExact(container)) {
+            if (!note(static_cast<uintptr_t>(dict_version(container)))) return false;
+            Py_ssize_t position = 0;
+            PyObject *key, *value;
+            while (PyDict_Next(container, &position, &key, &value)) {
+                if (is_container(value)) pending.push_back(value);
+            }
+        } else {
+            bool list = PyList_CheckExact(container);
+            Py_ssize_t size = size_of(container);
+            if (list && !note(static_cast<uintptr_t>(size))) return false;
+            for (Py_ssize_t i = 0; i < size; ++i) {
+                PyObject* item = item_of(container, i);
+                if (list) {
+                    if (!note(reinterpret_cast<uintptr_t>(item))) return false;
+                    hold(item);
+                }
+                if (is_container(item)) pending.push_back(item);
+            }
         }
-        if (next == nullptr) {
-            frames.pop_back();
-            if (!step(end_marker())) return false;
-            continue;
-        }
-        if (!step(next)) return false;
-        if (is_container(next)) frames.push_back({next, 0});
+        // Children in their own order.
+        std::reverse(pending.begin() + first_child, pending.end());
     }
     return true;
 }
 
-// The fingerprint remembered for `graph` if its structure is unchanged.
-Ref memo_lookup(SiblingsState& state, PyObject* graph) {
+// One remembered graph (the pointer of a capsule).
+struct MemoEntry {
+    Ref graph;
+    Ref fingerprint;
+    ShapeWords shape;
+    SmallVector<PyObject*, 16> held;  // strong references to the lists' items
+
+    ~MemoEntry() {
+        for (PyObject* item : held) Py_DECREF(item);
+    }
+};
+
+constexpr const char memo_capsule_name[] = "tallowmere._native.fingerprint_memo";
+constexpr size_t memo_max_shape = 1024;
+
+MemoEntry* entry_of(PyObject* capsule) {
+    return static_cast<MemoEntry*>(PyCapsule_GetPointer(capsule, memo_capsule_name));
+}
+
+void free_entry(PyObject* capsule) { delete entry_of(capsule); }
+
+bool still_same(MemoEntry& entry) {
+    size_t index = 0;
+    size_t end = entry.shape.size();
+    bool same = walk_shape(
+        entry.graph.get(), [&](uintptr_t word) { return index < end && entry.shape[index++] == word; },
+        [](PyObject*) {});
+    return same && index == end;
+}
+
+// The fingerprint remembered for `graph` if the graph is unchanged; `take`
+// forgets it at once.
+Ref memo_lookup(SiblingsState& state, PyObject* graph, bool take) {
     for (int slot = 0; slot < fingerprint_memo_size; ++slot) {
-        PyObject* entry = state.fingerprint_memo[slot];
-        if (entry == nullptr || PyTuple_GET_ITEM(entry, 0) != graph) continue;
-        Py_ssize_t index = 2;
-        Py_ssize_t end = PyTuple_GET_SIZE(entry);
-        bool same = walk_structure(graph, [&](PyObject* object) {
-            return index < end && PyTuple_GET_ITEM(entry, index++) == object;
-        });
-        if (!same || index != end) return Ref();
-        // Most recent first.
-        for (int i = slot; i > 0; --i) state.fingerprint_memo[i] = state.fingerprint_memo[i - 1];
-        state.fingerprint_memo[0] = entry;
-        return Ref(Borrowed(PyTuple_GET_ITEM(entry, 1)));
+        PyObject* capsule = state.fingerprint_memo[slot];
+        if (capsule == nullptr) continue;
+        MemoEntry& entry = *entry_of(capsule);
+        if (entry.graph.get() != graph) continue;
+        if (!still_same(entry)) return Ref();
+        Ref fingerprint = entry.fingerprint;
+        if (take) {
+            Ref taken = Ref::steal(capsule);
+            for (int i = slot; i + 1 < fingerprint_memo_size; ++i) {
+                state.fingerprint_memo[i] = state.fingerprint_memo[i + 1];
+            }
+            state.fingerprint_memo[fingerprint_memo_size - 1] = nullptr;
+        }
+        return fingerprint;
     }
     return Ref();
 }
 
 void memo_store(SiblingsState& state, PyObject* graph, const Ref& fingerprint) {
-    std::vector<PyObject*> objects;
-    bool small = walk_structure(graph, [&](PyObject* object) {
-        objects.push_back(object);
-        return objects.size() <= memo_max_objects;
-    });
+    auto entry = std::make_unique<MemoEntry>();
+    entry->graph = Ref(Borrowed(graph));
+    entry->fingerprint = fingerprint;
+    bool small = walk_shape(
+        graph,
+        [&](uintptr_t word) {
+            entry->shape.push_back(word);
+            return entry->shape.size() <= memo_max_shape;
+        },
+        [&](PyObject* item) { entry->held.push_back(Py_NewRef(item)); });
     if (!small) return;
-    Ref entry = Ref::checked(PyTuple_New(static_cast<Py_ssize_t>(objects.size() + 2)));
-    PyTuple_SET_ITEM(entry.get(), 0, Py_NewRef(graph));
-    PyTuple_SET_ITEM(entry.get(), 1, Py_NewRef(fingerprint.get()));
-    for (size_t i = 0; i < objects.size(); ++i) {
-        PyTuple_SET_ITEM(entry.get(), static_cast<Py_ssize_t>(i + 2), Py_NewRef(objects[i]));
-    }
-    // The same graph is remembered once.
+    Ref capsule = Ref::checked(PyCapsule_New(entry.get(), memo_capsule_name, free_entry));
+    entry.release();
+    // Newest first; the oldest, or an earlier entry of the same graph, goes.
     int last = fingerprint_memo_size - 1;
     for (int slot = 0; slot < fingerprint_memo_size; ++slot) {
         PyObject* held = state.fingerprint_memo[slot];
-        if (held != nullptr && PyTuple_GET_ITEM(held, 0) == graph) last = slot;
+        if (held == nullptr || entry_of(held)->graph.get() == graph) {
+            last = slot;
+            break;
+        }
     }
     Ref dropped = Ref::steal(state.fingerprint_memo[last]);
     for (int i = last; i > 0; --i) state.fingerprint_memo[i] = state.fingerprint_memo[i - 1];
-    state.fingerprint_memo[0] = entry.release();
+    state.fingerprint_memo[0] = capsule.release();
 }
 
 Ref hex_text(const char hex[64]) {
@@ -441,7 +513,7 @@ constexpr auto graph_fingerprint_signature =
               "(compiled tallowmere.simulation.graph_complexity.graph_fingerprint).",
               param("graph"));
 
-Ref graph_fingerprint(const Module& m, const Ref& graph) { return fingerprint_graph(m, graph); }
+Ref graph_fingerprint(const Module& m, const Ref& graph) { return fingerprint_graph(m, graph, Memo::consult); }
 
 constexpr auto sha256_hexdigest_signature =
     signature("_sha256_hexdigest", Binding::module_function,
@@ -460,17 +532,16 @@ Ref sha256_hexdigest(const Module&, const Ref& data, const Ref& portable) {
 
 }  // namespace
 
-Ref fingerprint_graph(const Module& m, const Ref& graph) {
+Ref fingerprint_graph(const Module& m, const Ref& graph, Memo memo) {
     SiblingsState& state = m.state().siblings;
     if (sibling_intact(m, Sibling::graph_complexity)) {
-        if (Ref known = memo_lookup(state, graph.get())) return known;
+        if (Ref known = memo_lookup(state, graph.get(), memo == Memo::take)) return known;
         CanonicalJson json;
         if (json.encode(graph.get())) {
-            const std::string& text = json.text();
             char hex[64];
-            sha256_hex(reinterpret_cast<const unsigned char*>(text.data()), text.size(), hex);
+            sha256_hex(reinterpret_cast<const unsigned char*>(json.data()), json.size(), hex);
             Ref fingerprint = hex_text(hex);
-            memo_store(state, graph.get(), fingerprint);
+            if (memo == Memo::remember) memo_store(state, graph.get(), fingerprint);
             return fingerprint;
         }
         PyErr_Clear();

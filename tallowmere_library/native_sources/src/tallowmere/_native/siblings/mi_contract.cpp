@@ -4,7 +4,6 @@
 #include "_native/siblings/support.hpp"
 
 #include <cmath>
-#include <vector>
 
 namespace tallowmere::native {
 
@@ -105,7 +104,8 @@ enum class Search { found, not_found, python };
 // The search of the Python implementation, in its order (a stack, dict keys
 // pushed before dict values), over values of the exact built-in types only.
 Search search_non_finite(PyObject* value) {
-    std::vector<PyObject*> pending{value};
+    SmallVector<PyObject*, 64> pending;
+    pending.push_back(value);
     PointerTable<bool> searched;
     while (!pending.empty()) {
         PyObject* item = pending.back();
@@ -124,7 +124,7 @@ Search search_non_finite(PyObject* value) {
             if (searched.find(item)) continue;
             searched.set(item, true);
             PyObject** items = PySequence_Fast_ITEMS(item);
-            pending.insert(pending.end(), items, items + PySequence_Fast_GET_SIZE(item));
+            pending.append(items, static_cast<size_t>(PySequence_Fast_GET_SIZE(item)));
         } else if (!is_exact_scalar(item) && !PyBytes_CheckExact(item)) {
             return Search::python;
         }

@@ -115,8 +115,8 @@ struct RecordClass {
     unsigned int version_tag;  // the class's type version; 0 disables the direct path
 };
 
-// The last graphs fingerprinted, each with the identities of every object
-// that went into its canonical text (see graph.cpp).
+// Graphs whose timing was looked up for a submission, each with its
+// fingerprint and what proves the graph unchanged (see graph.cpp).
 inline constexpr int fingerprint_memo_size = 8;
 
 struct SiblingsState {
@@ -126,7 +126,7 @@ struct SiblingsState {
     RecordClass gate_result;
     // The function objects this module binds, to recognise them as callees.
     PyObject* graph_fingerprint_function;
-    // Entries are tuples (graph, fingerprint, objects...), newest first.
+    // Capsules of the remembered graphs, newest first.
     PyObject* fingerprint_memo[fingerprint_memo_size];
 
     template <class Visitor>

@@ -70,7 +70,10 @@ extern const Member consume_recorded_backtest_timing;
 extern const Member assess_client_backtest_timing;
 }  // namespace sibling_members
 
-// graph.cpp: the fingerprint of a graph, for callers inside this module.
-Ref fingerprint_graph(const Module& m, const Ref& graph);
+// graph.cpp: the fingerprint of a graph, for callers inside this module, and
+// what the computation does with the memo of recently fingerprinted graphs:
+// consult it, remember the graph in it, or take the graph's entry out of it.
+enum class Memo : unsigned char { consult, remember, take };
+Ref fingerprint_graph(const Module& m, const Ref& graph, Memo memo);
 
 }  // namespace tallowmere::native
