@@ -75,10 +75,12 @@ clean:
 	rm -rf build dist $(VENV) $(ASAN_VENV) .pytest_cache
 
 # ---- memory safety -----------------------------------------------------------
-# The extension built with AddressSanitizer and UndefinedBehaviorSanitizer in a
-# virtual environment of its own, then the client's tests (the leak-repeat test
-# among them) with Python's allocator switched to malloc so that the sanitizer
-# sees every object. Any report fails the run.
+# The extensions built with AddressSanitizer and UndefinedBehaviorSanitizer in a
+# virtual environment of their own, then the client's tests and the sibling
+# modules' tests (the leak-repeat tests among them) with Python's allocator
+# switched to malloc so that the sanitizer sees every object. Any report fails the run.
+SIBLING_TESTS := tests/test_sibling_accelerators.py tests/test_graph_complexity.py tests/test_mi_contract.py \
+	tests/test_named_universe.py tests/test_pool_identity.py tests/test_threshold_gates.py tests/test_backtest_timing.py
 ASAN_VENV := .venv-asan
 # The C++ runtime is preloaded too: the sanitizer intercepts C++ exceptions only
 # when libstdc++ is present before the extension is loaded.
@@ -99,6 +101,6 @@ check-memory: $(ASAN_VENV)/.installed
 	@LD_PRELOAD="$(ASAN_RUNTIME)" PYTHONMALLOC=malloc \
 	ASAN_OPTIONS=detect_leaks=0:halt_on_error=1:log_path=$(CURDIR)/$(SANITIZER_REPORTS)/asan \
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:log_path=$(CURDIR)/$(SANITIZER_REPORTS)/ubsan \
-		$(ASAN_VENV)/bin/python -m pytest -p no:cacheprovider -q tests/test_submit_*.py; status=$$?; \
+		$(ASAN_VENV)/bin/python -m pytest -p no:cacheprovider -q tests/test_submit_*.py $(SIBLING_TESTS); status=$$?; \
 	if [ -n "$$(ls $(SANITIZER_REPORTS))" ]; then cat $(SANITIZER_REPORTS)/*; echo "sanitizer reports above"; exit 1; fi; \
 	exit $$status

@@ -83,7 +83,6 @@ bool measure(const Names& n, PyObject* graph, long long* depth_out, long long* c
     SmallVector<Frame, 64> stack;
     stack.push_back({graph, nullptr, false});
     PointerTable<Measured> measured;
-    PyObject* const no_children = nullptr;
     while (!stack.empty()) {
         Frame frame = stack.back();
         stack.pop_back();
@@ -102,7 +101,7 @@ bool measure(const Names& n, PyObject* graph, long long* depth_out, long long* c
             if (known->open) return false;  // the node contains itself
             continue;
         }
-        PyObject* children = no_children;
+        PyObject* children = nullptr;
         Shape shape = node_shape(n, frame.node, &children);
         if (shape == Shape::python) return false;
         measured.set(frame.node, Measured{0, 0, true});

@@ -30,6 +30,7 @@ public:
         data_[size_++] = value;
     }
     void append(const T* values, size_t count) {
+        if (count == 0) return;  // `values` may then be null
         if (size_ + count > capacity_) reserve(std::max(capacity_ * 2, size_ + count));
         std::memcpy(data_ + size_, values, count * sizeof(T));
         size_ += count;
