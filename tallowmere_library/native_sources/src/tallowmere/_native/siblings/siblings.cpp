@@ -39,16 +39,19 @@ uint64_t version_of(PyObject* dict) {
 }
 
 // The namespace holds the snapshot's objects under the snapshot's names, and
-// nothing else. Only identity is compared, so no Python code runs.
+// nothing else. Values are compared by identity only.
 bool same_as_snapshot(PyObject* namespace_dict, PyObject* snapshot) {
     if (PyDict_GET_SIZE(namespace_dict) != PyDict_GET_SIZE(snapshot)) return false;
     Py_ssize_t position = 0;
-    PyObject *key, *value;
-    while (PyDict_Next(snapshot, &position, &key, &value)) {
-        if (!PyUnicode_CheckExact(key)) return false;
-        PyObject* current = PyDict_GetItemWithError(namespace_dict, key);
+    PyObject *raw_key, *raw_value;
+    while (PyDict_Next(snapshot, &position, &raw_key, &raw_value)) {
+        if (!PyUnicode_CheckExact(raw_key)) return false;
+        // A lookup may compare the key with a foreign key of the namespace.
+        Ref key{Borrowed(raw_key)};
+        Ref value{Borrowed(raw_value)};
+        PyObject* current = PyDict_GetItemWithError(namespace_dict, key.get());
         if (current == nullptr && PyErr_Occurred()) propagate();
-        if (current != value) return false;
+        if (current != value.get()) return false;
     }
     return true;
 }
@@ -162,10 +165,16 @@ bool sibling_intact(const Module& m, Sibling which) {
     SiblingSlot& slot = sibling(m, which);
     uint64_t version = version_of(slot.namespace_dict);
     if (version != slot.checked_version) {
-        slot.intact = same_as_snapshot(slot.namespace_dict, slot.snapshot);
-        slot.checked_version = version;
+        Ref namespace_dict{Borrowed(slot.namespace_dict)};
+        Ref snapshot{Borrowed(slot.snapshot)};
+        bool intact = same_as_snapshot(namespace_dict.get(), snapshot.get());
+        // Unless the module registered anew meanwhile.
+        if (slot.snapshot == snapshot.get()) {
+            slot.intact = intact;
+            slot.checked_version = version;
+        }
     }
-    return slot.intact;
+    return slot.intact && version == slot.checked_version;
 }
 
 Ref python_implementation(const Module& m, Sibling which, PyObject* name) {
@@ -179,8 +188,8 @@ Ref python_implementation(const Module& m, Sibling which, PyObject* name) {
 }
 
 Ref sibling_global(const Module& m, Sibling which, PyObject* name) {
-    SiblingSlot& slot = sibling(m, which);
-    PyObject* value = PyDict_GetItemWithError(slot.namespace_dict, name);
+    Ref namespace_dict{Borrowed(sibling(m, which).namespace_dict)};
+    PyObject* value = PyDict_GetItemWithError(namespace_dict.get(), name);
     if (value != nullptr) return Ref(Borrowed(value));
     if (!PyErr_Occurred()) PyErr_Format(PyExc_NameError, "name '%U' is not defined", name);
     propagate();

@@ -95,11 +95,13 @@ Ref evaluate_threshold_gates(const Module& m, const Ref& metrics, const Ref& thr
         Ref threshold;
     };
     std::vector<Gate> gates;
+    gates.reserve(static_cast<size_t>(PyDict_GET_SIZE(merged.get())));
+    // No Python code runs in this loop: the merged dict's keys are exact
+    // scalars and the named gates' keys exact str.
     Py_ssize_t position = 0;
     PyObject *raw_key, *raw_value;
     while (PyDict_Next(merged.get(), &position, &raw_key, &raw_value)) {
         if (!PyUnicode_CheckExact(raw_key)) continue;
-        Ref key{Borrowed(raw_key)};
         Ref value{Borrowed(raw_value)};
         Ref metric;
         bool at_most = true;
