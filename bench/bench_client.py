@@ -52,10 +52,6 @@ STATS = {"sharpe": 1.2, "turnover": 0.4, "delta_exposure": 0.05, "max_weight": 0
 ANSWER = json.dumps({"submission_id": "s-1", "status": "signal_submitted", "signal_pool_name": "momentum"}).encode()
 
 
-def best_of(rounds: int, run: Callable[[], float]) -> float:
-    return min(run() for _ in range(rounds))
-
-
 def per_call(count: int, call: Callable[[int], object]) -> float:
     started = time.perf_counter()
     for i in range(count):
@@ -85,19 +81,22 @@ class CapturingTransport(MemoryTransport):
         return type("Answer", (), {"status_code": 202, "content": ANSWER})()
 
 
-def floor_per_body(bodies: list[bytes]) -> float:
-    """Serialise, key and decode the answer: the work no client can avoid."""
-    decoded = [json.loads(body) for body in bodies]
+class Floor:
+    """Serialise, key and decode the answer for the bodies a client sent: the work no client can avoid."""
 
-    def work(i: int) -> None:
-        body = decoded[i % len(decoded)]
+    def __init__(self, bodies: list[bytes]) -> None:
+        self.decoded = [json.loads(body) for body in bodies]
+
+    def work(self, i: int) -> None:
+        body = self.decoded[i % len(self.decoded)]
         unkeyed = {k: v for k, v in body.items() if k != "idempotency_key"}
         canonical = json.dumps(unkeyed, sort_keys=True, separators=(",", ":"), allow_nan=False)
         key = "sigsubmit-" + hashlib.sha256(canonical.encode("utf-8")).hexdigest()
         json.dumps({**unkeyed, "idempotency_key": key}).encode("utf-8")
         json.loads(ANSWER)
 
-    return best_of(5, lambda: per_call(len(decoded), work))
+    def round(self) -> float:
+        return per_call(len(self.decoded), self.work)
 
 
 # ---- 1. one submission, in memory ------------------------------------------------------------
@@ -120,8 +119,8 @@ class SingleSubmission:
     def round(self) -> float:
         return per_call(self.count, self.submit)
 
-    def floor(self) -> float:
-        return floor_per_body(self.transport.bodies[: self.count])
+    def floor(self) -> Floor:
+        return Floor(self.transport.bodies[: self.count])
 
 
 # ---- 2. end to end against the reference service -----------------------------------------------
@@ -200,13 +199,13 @@ class Batch:
         assert result.accepted == self.count
         return elapsed / self.count
 
-    def floor(self) -> float:
+    def floor(self) -> Floor:
         transport = CapturingTransport()
         capture = SignalServiceClient("http://127.0.0.1:9", "token", transport=transport)
         for item in self.items[:1000]:
             capture.submit_signal(item["graph"], "top300", **{k: item[k] for k in
                                   ("signal_pool_name", "is_stats", "is_pnl_mi", "expression_elapsed_seconds")})  # fmt: skip
-        return floor_per_body(transport.bodies)
+        return Floor(transport.bodies)
 
 
 # ---- the plain-Python siblings, in a worker process --------------------------------------------------
@@ -250,13 +249,13 @@ class PurePythonWorker:
         self.process.wait(timeout=60)
 
 
-def side_by_side(rounds: int, accelerated: Callable[[], float], plain: Callable[[], float]) -> tuple[float, float]:
-    """Best of ``rounds`` for each, taken in turns."""
-    best_accelerated = best_plain = float("inf")
+def side_by_side(rounds: int, *measurements: Callable[[], float]) -> list[float]:
+    """Best of ``rounds`` for each measurement, taken in turns."""
+    best = [float("inf")] * len(measurements)
     for _ in range(rounds):
-        best_accelerated = min(best_accelerated, accelerated())
-        best_plain = min(best_plain, plain())
-    return best_accelerated, best_plain
+        for index, measure in enumerate(measurements):
+            best[index] = min(best[index], measure())
+    return best
 
 
 # ---- 4. import time ------------------------------------------------------------------------------------
@@ -297,11 +296,12 @@ def main() -> None:
     worker = PurePythonWorker(quick)
     try:
         single = SingleSubmission(single_count)
-        single_on, single_off = side_by_side(3 if quick else 7, single.round, lambda: worker.round("single"))
-        single_floor = single.floor()
+        single.round()
+        single_on, single_off, single_floor = side_by_side(3 if quick else 7, single.round,
+                                                           lambda: worker.round("single"), single.floor().round)
         batch = Batch(batch_count)
-        batch_on, batch_off = side_by_side(2 if quick else 4, batch.round, lambda: worker.round("batch"))
-        batch_floor = batch.floor()
+        batch_on, batch_off, batch_floor = side_by_side(2 if quick else 4, batch.round, lambda: worker.round("batch"),
+                                                        batch.floor().round)  # fmt: skip
     finally:
         worker.close()
     client_rate, bare_rate = bench_end_to_end(200 if quick else 1500)
