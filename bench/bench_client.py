@@ -40,7 +40,7 @@ import httpx
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 
-from bench_batch import MemoryTransport, submissions  # noqa: E402
+from bench_batch import Answer, MemoryTransport, submissions  # noqa: E402
 
 from tallowmere import _accelerate  # noqa: E402
 from tallowmere.simulation import backtest_timing  # noqa: E402
@@ -78,7 +78,7 @@ class CapturingTransport(MemoryTransport):
 
     def post(self, path: str, *, content: bytes, headers: dict[str, str]) -> Any:
         self.bodies.append(content)
-        return type("Answer", (), {"status_code": 202, "content": ANSWER})()
+        return Answer(202, ANSWER)
 
 
 class Floor:
