@@ -137,6 +137,9 @@ def test_switch_turns_the_accelerators_off_and_submissions_stay_the_same() -> No
 
 # ---- random inputs ---------------------------------------------------------------------------------------
 
+# Speed is for the benchmarks: no example is held to a time limit, however busy the machine.
+UNTIMED = settings(deadline=None, suppress_health_check=[HealthCheck.too_slow])
+
 
 class Text(str):
     pass
@@ -253,7 +256,7 @@ def graphs_with_sharing(draw: st.DrawFn) -> Any:
 
 
 @given(graphs_with_sharing())
-@settings(max_examples=300, suppress_health_check=[HealthCheck.too_slow])
+@settings(UNTIMED, max_examples=300)
 def test_graph_functions_agree_on_any_graph(graph: Any) -> None:
     assert_agree(graph_complexity, "measure_graph_complexity", graph)
     assert_agree(graph_complexity, "graph_fingerprint", graph)
@@ -261,7 +264,7 @@ def test_graph_functions_agree_on_any_graph(graph: Any) -> None:
 
 
 @given(json_like)
-@settings(max_examples=300)
+@settings(UNTIMED, max_examples=300)
 def test_fingerprint_and_non_finite_search_agree_on_any_value(value: Any) -> None:
     assert_agree(graph_complexity, "graph_fingerprint", value)
     assert_agree(mi_contract, "_has_non_finite_number", value)
@@ -269,12 +272,14 @@ def test_fingerprint_and_non_finite_search_agree_on_any_value(value: Any) -> Non
 
 
 @given(st.one_of(scalars, json_like))
+@UNTIMED
 def test_number_checks_agree(value: Any) -> None:
     assert_agree(mi_contract, "_is_finite_number", value)
     assert_agree(mi_contract, "_coerce_mi_contract_value", value)
 
 
 @given(st.dictionaries(st.sampled_from(sorted(mi_contract.MI_CONTRACT_KEYS)) | keys, scalars, max_size=6))
+@UNTIMED
 def test_contract_field_check_agrees(stats: dict[Any, Any]) -> None:
     assert_agree(mi_contract, "_has_disallowed_mi_contract_field", stats)
     assert_agree(mi_contract, "_has_disallowed_mi_contract_field", Mapping(stats))
@@ -290,6 +295,7 @@ universe_names = st.one_of(
 
 
 @given(universe_names)
+@UNTIMED
 def test_universe_checks_agree(value: Any) -> None:
     assert_agree(named_universe, "_normalize_named_universe", value)
     assert_agree(named_universe, "_is_unsafe_named_universe", value)
@@ -317,7 +323,7 @@ metrics = st.none() | some_of(METRIC_NAMES, metric_values)
 
 
 @given(metrics, thresholds, thresholds, st.integers(0, 9), st.tuples(st.sampled_from(GATE_KEYS), refused_thresholds))
-@settings(max_examples=300)
+@settings(UNTIMED, max_examples=300)
 def test_threshold_gates_agree(observed: Any, threshold_set: Any, pool: Any, variant: int,
                                refused: tuple[str, Any]) -> None:
     if variant == 0 and pool is not None:
@@ -357,6 +363,7 @@ pools = st.one_of(
     ),
     pool_names,
 )  # fmt: skip
+@UNTIMED
 def test_pool_lookup_agrees(era: Any, name: Any) -> None:
     compiled, python = both(pool_identity, "selected_signal_pool_from_era_config")
     assert compiled(era, name) is python(era, name)
@@ -367,6 +374,7 @@ seconds = st.one_of(st.floats(), st.integers(-2, 200), st.sampled_from([True, No
 
 
 @given(st.sampled_from(["1d", "1h", Text("1d")]), seconds, seconds, seconds, seconds, st.sampled_from(["1d", "1h"]))
+@UNTIMED
 def test_assessment_agrees(frequency: Any, elapsed: Any, max_row: Any, per_row: Any, whole: Any, asked: str) -> None:
     record = backtest_timing.BacktestTimingRecord(fingerprint="fp", elapsed_seconds=elapsed, row_count=1,
                                                   max_row_elapsed_seconds=max_row, frequency=frequency,
@@ -653,6 +661,7 @@ def test_sha256_matches_hashlib_across_block_boundaries(portable: bool) -> None:
 
 
 @given(st.binary(max_size=700))
+@UNTIMED
 def test_sha256_matches_hashlib(data: bytes) -> None:
     assert _native._sha256_hexdigest(data) == hashlib.sha256(data).hexdigest()
     assert _native._sha256_hexdigest(data, True) == hashlib.sha256(data).hexdigest()
