@@ -80,7 +80,7 @@ clean:
 #   check-leaks       the leak-repeat test on the release build under pymalloc,
 #                     whose block count it reads; a positive control proves it
 #                     catches a leak of one object per call.
-#   check-sanitizers  the client's tests on a build with AddressSanitizer and
+#   check-sanitizers  the client's and the sibling modules' tests on a build with AddressSanitizer and
 #                     UndefinedBehaviorSanitizer, Python's allocator switched to
 #                     malloc so that the sanitizer sees every object (the
 #                     leak-repeat test is left to check-leaks: it counts blocks
@@ -92,7 +92,7 @@ clean:
 check-memory: check-leaks check-sanitizers check-valgrind
 
 check-leaks: install
-	PYTHONMALLOC=pymalloc $(VPY) -m pytest -p no:cacheprovider -q tests/test_submit_memory.py
+	PYTHONMALLOC=pymalloc $(VPY) -m pytest -p no:cacheprovider -q tests/test_submit_memory.py tests/test_sibling_memory.py
 
 ASAN_VENV := .venv-asan
 # The C++ runtime is preloaded too: the sanitizer intercepts C++ exceptions only
@@ -109,7 +109,9 @@ $(ASAN_VENV)/.installed: $(NATIVE_INPUTS) $(PYTHON_SOURCES) $(VENV)/.deps
 	@touch $@
 
 SANITIZER_REPORTS := build/asan/reports
-SANITIZER_TESTS = $(filter-out tests/test_submit_memory.py,$(wildcard tests/test_submit_*.py))
+SIBLING_TESTS := tests/test_sibling_accelerators.py tests/test_graph_complexity.py tests/test_mi_contract.py \
+	tests/test_named_universe.py tests/test_pool_identity.py tests/test_threshold_gates.py tests/test_backtest_timing.py
+SANITIZER_TESTS = $(filter-out tests/test_submit_memory.py,$(wildcard tests/test_submit_*.py)) $(SIBLING_TESTS)
 
 check-sanitizers: $(ASAN_VENV)/.installed
 	@rm -rf $(SANITIZER_REPORTS) && mkdir -p $(SANITIZER_REPORTS)

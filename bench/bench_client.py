@@ -11,6 +11,11 @@
 4. ``import tallowmere.submit`` against ``import httpx`` alone, each in a fresh
    interpreter.
 
+Rows 1 and 3 are measured twice: in this process, with the compiled sibling
+functions, and in a worker process started with ``TALLOWMERE_PURE_PYTHON=1``,
+whose siblings are the plain-Python ones. The two take turns round by round,
+so that both meet the same load of the machine; each figure is the best round.
+
     python bench/bench_client.py [--quick]
 """
 
@@ -35,8 +40,9 @@ import httpx
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 
-from bench_batch import MemoryTransport, submissions  # noqa: E402
+from bench_batch import Answer, MemoryTransport, submissions  # noqa: E402
 
+from tallowmere import _accelerate  # noqa: E402
 from tallowmere.simulation import backtest_timing  # noqa: E402
 from tallowmere.submit import SignalServiceClient  # noqa: E402
 
@@ -44,10 +50,6 @@ GRAPH = {"op": "rank", "args": [{"op": "ts_mean", "window": 5, "args": [{"op": "
 STATS = {"sharpe": 1.2, "turnover": 0.4, "delta_exposure": 0.05, "max_weight": 0.02, "abs_weight_sum_mean": 1.0,
          "correlation": 0.1}  # fmt: skip
 ANSWER = json.dumps({"submission_id": "s-1", "status": "signal_submitted", "signal_pool_name": "momentum"}).encode()
-
-
-def best_of(rounds: int, run: Callable[[], float]) -> float:
-    return min(run() for _ in range(rounds))
 
 
 def per_call(count: int, call: Callable[[int], object]) -> float:
@@ -76,39 +78,49 @@ class CapturingTransport(MemoryTransport):
 
     def post(self, path: str, *, content: bytes, headers: dict[str, str]) -> Any:
         self.bodies.append(content)
-        return type("Answer", (), {"status_code": 202, "content": ANSWER})()
+        return Answer(202, ANSWER)
 
 
-def floor_per_body(bodies: list[bytes]) -> float:
-    """Serialise, key and decode the answer: the work no client can avoid."""
-    decoded = [json.loads(body) for body in bodies]
+class Floor:
+    """Serialise, key and decode the answer for the bodies a client sent: the work no client can avoid."""
 
-    def work(i: int) -> None:
-        body = decoded[i % len(decoded)]
+    def __init__(self, bodies: list[bytes]) -> None:
+        self.decoded = [json.loads(body) for body in bodies]
+
+    def work(self, i: int) -> None:
+        body = self.decoded[i % len(self.decoded)]
         unkeyed = {k: v for k, v in body.items() if k != "idempotency_key"}
         canonical = json.dumps(unkeyed, sort_keys=True, separators=(",", ":"), allow_nan=False)
         key = "sigsubmit-" + hashlib.sha256(canonical.encode("utf-8")).hexdigest()
         json.dumps({**unkeyed, "idempotency_key": key}).encode("utf-8")
         json.loads(ANSWER)
 
-    return best_of(5, lambda: per_call(len(decoded), work))
+    def round(self) -> float:
+        return per_call(len(self.decoded), self.work)
 
 
 # ---- 1. one submission, in memory ------------------------------------------------------------
 
 
-def bench_single(count: int) -> tuple[float, float]:
-    record_timing()
-    transport = CapturingTransport()
-    client = SignalServiceClient("http://127.0.0.1:9", "token", transport=transport)
-    for i in range(100):
-        client.submit_signal(GRAPH, "top300", **signal_arguments(i))
+class SingleSubmission:
+    """One client, warmed up; each round times ``count`` submissions."""
 
-    def submit(i: int) -> None:
-        client.submit_signal(GRAPH, "top300", **signal_arguments(i))
+    def __init__(self, count: int) -> None:
+        record_timing()
+        self.count = count
+        self.transport = CapturingTransport()
+        self.client = SignalServiceClient("http://127.0.0.1:9", "token", transport=self.transport)
+        for i in range(100):
+            self.submit(i)
 
-    client_time = best_of(5, lambda: per_call(count, submit))
-    return client_time, floor_per_body(transport.bodies[:count])
+    def submit(self, i: int) -> None:
+        self.client.submit_signal(GRAPH, "top300", **signal_arguments(i))
+
+    def round(self) -> float:
+        return per_call(self.count, self.submit)
+
+    def floor(self) -> Floor:
+        return Floor(self.transport.bodies[: self.count])
 
 
 # ---- 2. end to end against the reference service -----------------------------------------------
@@ -172,23 +184,78 @@ def bench_end_to_end(count: int) -> tuple[float, float]:
 # ---- 3. a 10,000-signal batch ------------------------------------------------------------------------
 
 
-def bench_batch(count: int) -> tuple[float, float]:
-    items = submissions(count)
-    transport = CapturingTransport()
+class Batch:
+    """One batch of ``count`` signals; each round submits it with a new client."""
 
-    def run() -> float:
+    def __init__(self, count: int) -> None:
+        self.count = count
+        self.items = submissions(count)
+
+    def round(self) -> float:
         client = SignalServiceClient("http://127.0.0.1:9", "token", transport=MemoryTransport())
         started = time.perf_counter()
-        result = client.submit_signals_batch(items)
-        assert result.accepted == count
-        return (time.perf_counter() - started) / count
+        result = client.submit_signals_batch(self.items)
+        elapsed = time.perf_counter() - started
+        assert result.accepted == self.count
+        return elapsed / self.count
 
-    client_time = best_of(3, run)
-    capture = SignalServiceClient("http://127.0.0.1:9", "token", transport=transport)
-    for item in items[:1000]:
-        capture.submit_signal(item["graph"], "top300", **{k: item[k] for k in
-                              ("signal_pool_name", "is_stats", "is_pnl_mi", "expression_elapsed_seconds")})  # fmt: skip
-    return client_time, floor_per_body(transport.bodies)
+    def floor(self) -> Floor:
+        transport = CapturingTransport()
+        capture = SignalServiceClient("http://127.0.0.1:9", "token", transport=transport)
+        for item in self.items[:1000]:
+            capture.submit_signal(item["graph"], "top300", **{k: item[k] for k in
+                                  ("signal_pool_name", "is_stats", "is_pnl_mi", "expression_elapsed_seconds")})  # fmt: skip
+        return Floor(transport.bodies)
+
+
+# ---- the plain-Python siblings, in a worker process --------------------------------------------------
+
+
+def sizes(quick: bool) -> tuple[int, int]:
+    """Submissions per round of row 1, and signals of the batch."""
+    return (300, 1000) if quick else (3000, 10_000)
+
+
+def serve_rounds(quick: bool) -> None:
+    """The worker: answers each line naming a row ("single", "batch") with one round's seconds per item."""
+    single_count, batch_count = sizes(quick)
+    rows = {"single": SingleSubmission(single_count), "batch": Batch(batch_count)}
+    print(json.dumps({"accelerated": _accelerate.ACCELERATED}), flush=True)
+    for line in sys.stdin:
+        print(json.dumps(rows[line.strip()].round()), flush=True)
+
+
+class PurePythonWorker:
+    """This script in another interpreter, with the compiled siblings switched off."""
+
+    def __init__(self, quick: bool) -> None:
+        environment = {**os.environ, _accelerate.PURE_PYTHON_VARIABLE: "1"}
+        command = [sys.executable, __file__, "--serve-rounds", *(["--quick"] if quick else [])]
+        self.process = subprocess.Popen(command, env=environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                        text=True)  # fmt: skip
+        assert self.process.stdin is not None and self.process.stdout is not None
+        self.stdin, self.stdout = self.process.stdin, self.process.stdout
+        if json.loads(self.stdout.readline())["accelerated"]:
+            raise RuntimeError("the worker did not switch the compiled siblings off")
+
+    def round(self, row: str) -> float:
+        self.stdin.write(row + "\n")
+        self.stdin.flush()
+        seconds: float = json.loads(self.stdout.readline())
+        return seconds
+
+    def close(self) -> None:
+        self.stdin.close()
+        self.process.wait(timeout=60)
+
+
+def side_by_side(rounds: int, *measurements: Callable[[], float]) -> list[float]:
+    """Best of ``rounds`` for each measurement, taken in turns."""
+    best = [float("inf")] * len(measurements)
+    for _ in range(rounds):
+        for index, measure in enumerate(measurements):
+            best[index] = min(best[index], measure())
+    return best
 
 
 # ---- 4. import time ------------------------------------------------------------------------------------
@@ -216,27 +283,48 @@ def bench_import(rounds: int) -> tuple[float, float]:
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--quick", action="store_true", help="fewer iterations, for a smoke run")
-    quick = parser.parse_args().quick
+    parser.add_argument("--serve-rounds", action="store_true", help=argparse.SUPPRESS)
+    arguments = parser.parse_args()
+    quick = arguments.quick
+    if arguments.serve_rounds:
+        serve_rounds(quick)
+        return
+    if not _accelerate.ACCELERATED:
+        raise SystemExit(f"the compiled siblings are off here; unset {_accelerate.PURE_PYTHON_VARIABLE}")
 
-    rows = []
-    client, floor = bench_single(300 if quick else 3000)
-    rows.append(("submit_signal, in-memory transport", f"{client * 1e6:.1f} us", f"{floor * 1e6:.1f} us floor",
-                 f"{client / floor:.2f}x floor"))  # fmt: skip
+    single_count, batch_count = sizes(quick)
+    worker = PurePythonWorker(quick)
+    try:
+        single = SingleSubmission(single_count)
+        single.round()
+        single_on, single_off, single_floor = side_by_side(3 if quick else 7, single.round,
+                                                           lambda: worker.round("single"), single.floor().round)
+        batch = Batch(batch_count)
+        batch_on, batch_off, batch_floor = side_by_side(2 if quick else 4, batch.round, lambda: worker.round("batch"),
+                                                        batch.floor().round)  # fmt: skip
+    finally:
+        worker.close()
     client_rate, bare_rate = bench_end_to_end(200 if quick else 1500)
-    rows.append(("submissions/s over loopback", f"{client_rate:.0f}/s", f"{bare_rate:.0f}/s bare httpx",
-                 f"{client_rate / bare_rate:.2f} of bare"))  # fmt: skip
-    per_item, floor = bench_batch(1000 if quick else 10_000)
-    rows.append((f"{1000 if quick else 10_000:,}-signal batch, per item", f"{per_item * 1e6:.1f} us",
-                 f"{floor * 1e6:.1f} us floor", f"{per_item / floor:.2f}x floor"))  # fmt: skip
     ours, httpx_alone = bench_import(5 if quick else 15)
-    rows.append(("import tallowmere.submit", f"{ours * 1e3:.0f} ms", f"{httpx_alone * 1e3:.0f} ms httpx alone",
-                 f"{ours / httpx_alone:.2f}x httpx"))  # fmt: skip
+
+    def timed(on: float, off: float, floor: float) -> list[str]:
+        return [f"{on * 1e6:.1f} us ({on / floor:.2f}x)", f"{off * 1e6:.1f} us ({off / floor:.2f}x)",
+                f"{floor * 1e6:.1f} us"]  # fmt: skip
+
+    rows = [
+        ["submit_signal, in-memory transport", *timed(single_on, single_off, single_floor), "at most 1.6x floor"],
+        [f"{batch_count:,}-signal batch, per item", *timed(batch_on, batch_off, batch_floor), "at most 1.4x floor"],
+        ["submissions/s over loopback", f"{client_rate:.0f}/s ({client_rate / bare_rate:.2f} of bare)", "",
+         f"{bare_rate:.0f}/s bare httpx", "at least 0.97 of bare"],
+        ["import tallowmere.submit", f"{ours * 1e3:.0f} ms ({ours / httpx_alone:.2f}x)", "",
+         f"{httpx_alone * 1e3:.0f} ms httpx alone", ""],
+    ]  # fmt: skip
 
     print(f"Machine: {platform.machine()}, {os.cpu_count()} cores, {platform.python_implementation()} "
           f"{platform.python_version()}, {platform.platform()}")  # fmt: skip
     print()
-    print("| measurement | tallowmere | reference | ratio |")
-    print("|---|---|---|---|")
+    print("| measurement | compiled siblings | plain-Python siblings | floor or reference | goal |")
+    print("|---|---|---|---|---|")
     for row in rows:
         print("| " + " | ".join(row) + " |")
 

@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import math
+from typing import Any
+
 import pytest
 
 from tallowmere.simulation.backtest_timing import (
@@ -11,12 +13,12 @@ from tallowmere.simulation.backtest_timing import (
     RECORD_LIFETIME_SECONDS,
     BacktestTimingRecord,
     BacktestTimingStore,
-    assess_client_backtest_timing,
-    consume_recorded_backtest_timing,
     record_backtest_timing,
-    require_recorded_backtest_timing,
-    require_recorded_backtest_timings,
 )
+
+from sibling_support import implementation_fixture
+
+impl = implementation_fixture("tallowmere.simulation.backtest_timing")
 
 GRAPH = {"op": "rank", "args": [{"op": "ts_mean", "window": 20, "args": [{"op": "close"}]}]}
 TIMING: dict[str, object] = {"elapsed_seconds": 12.5, "row_count": 504, "max_row_elapsed_seconds": 0.04,
@@ -36,27 +38,27 @@ def graph(request: pytest.FixtureRequest) -> dict[str, object]:
     return {**GRAPH, "test": request.node.nodeid}
 
 
-def test_record_is_required_and_consumed_through_an_equal_graph(graph: dict[str, object]) -> None:
+def test_record_is_required_and_consumed_through_an_equal_graph(impl: Any, graph: dict[str, object]) -> None:
     with pytest.raises(ValueError) as caught:
-        require_recorded_backtest_timing(graph)
+        impl.require_recorded_backtest_timing(graph)
     assert str(caught.value) == MISSING_TIMING_MESSAGE
-    assert consume_recorded_backtest_timing(graph) is None
+    assert impl.consume_recorded_backtest_timing(graph) is None
     record = record_backtest_timing(graph, **TIMING)  # type: ignore[arg-type]
     rebuilt = dict(reversed(graph.items()))
-    assert require_recorded_backtest_timing(rebuilt) is record
-    assert consume_recorded_backtest_timing(rebuilt) is record
-    assert require_recorded_backtest_timing(graph) is record  # a retry within the grace period
+    assert impl.require_recorded_backtest_timing(rebuilt) is record
+    assert impl.consume_recorded_backtest_timing(rebuilt) is record
+    assert impl.require_recorded_backtest_timing(graph) is record  # a retry within the grace period
 
 
-def test_batch_names_the_first_unusable_item(graph: dict[str, object]) -> None:
+def test_batch_names_the_first_unusable_item(impl: Any, graph: dict[str, object]) -> None:
     record_backtest_timing(graph, **TIMING)  # type: ignore[arg-type]
-    assert len(require_recorded_backtest_timings([graph, graph])) == 2
+    assert len(impl.require_recorded_backtest_timings([graph, graph])) == 2
     missing = [{**graph, "variant": n} for n in range(2)]
     with pytest.raises(ValueError) as caught:
-        require_recorded_backtest_timings([graph, graph, *missing])
+        impl.require_recorded_backtest_timings([graph, graph, *missing])
     assert str(caught.value) == f"{MISSING_TIMING_MESSAGE} (batch item 2)"
     with pytest.raises(ValueError, match=r"graph cannot be fingerprinted.*\(batch item 1\)$"):
-        require_recorded_backtest_timings([graph, {"op": "const", "value": math.nan}])
+        impl.require_recorded_backtest_timings([graph, {"op": "const", "value": math.nan}])
 
 
 @pytest.mark.parametrize(
@@ -69,10 +71,11 @@ def test_batch_names_the_first_unusable_item(graph: dict[str, object]) -> None:
         ({"frequency": "  "}, "frequency must be a non-blank string"),
     ],
 )
-def test_record_refuses_bad_values(graph: dict[str, object], change: dict[str, object], message: str) -> None:
+def test_record_refuses_bad_values(impl: Any, graph: dict[str, object], change: dict[str, object],
+                                   message: str) -> None:
     with pytest.raises(ValueError, match=message):
         record_backtest_timing(graph, **{**TIMING, **change})  # type: ignore[arg-type]
-    assert consume_recorded_backtest_timing(graph) is None
+    assert impl.consume_recorded_backtest_timing(graph) is None
 
 
 def test_consumed_record_lasts_one_grace_period_from_its_first_consumption() -> None:
@@ -123,9 +126,10 @@ def _record(elapsed: float = 100.0, max_row: float = 0.05, frequency: str = "1d"
         (_record(max_row=0.0501), "row_budget_exceeded"),
     ],
 )
-def test_assessment_checks_frequency_then_whole_then_row(record: BacktestTimingRecord, reason: str | None) -> None:
-    verdict = assess_client_backtest_timing(record, frequency="1d", per_row_budget_seconds=0.05,
-                                            whole_budget_seconds=120)
+def test_assessment_checks_frequency_then_whole_then_row(impl: Any, record: BacktestTimingRecord,
+                                                         reason: str | None) -> None:
+    verdict = impl.assess_client_backtest_timing(record, frequency="1d", per_row_budget_seconds=0.05,
+                                                 whole_budget_seconds=120)
     assert verdict == {
         "status": "accepted" if reason is None else "rejected", "reason": reason,
         "elapsed_seconds": record.elapsed_seconds, "max_row_elapsed_seconds": record.max_row_elapsed_seconds,
@@ -134,7 +138,7 @@ def test_assessment_checks_frequency_then_whole_then_row(record: BacktestTimingR
 
 
 @pytest.mark.parametrize("budget", [math.nan, 0, None])
-def test_assessment_refuses_a_budget_that_would_accept_anything(budget: object) -> None:
+def test_assessment_refuses_a_budget_that_would_accept_anything(impl: Any, budget: object) -> None:
     with pytest.raises(ValueError, match="whole_budget_seconds must be a positive finite number"):
-        assess_client_backtest_timing(_record(), frequency="1d", per_row_budget_seconds=0.05,
-                                      whole_budget_seconds=budget)  # type: ignore[arg-type]
+        impl.assess_client_backtest_timing(_record(), frequency="1d", per_row_budget_seconds=0.05,
+                                           whole_budget_seconds=budget)  # type: ignore[arg-type]

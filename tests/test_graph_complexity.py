@@ -9,12 +9,11 @@ import pytest
 from hypothesis import given
 from hypothesis import strategies as st
 
-from tallowmere.simulation.graph_complexity import (
-    GraphComplexity,
-    _canonical_json_without_recursion,
-    graph_fingerprint,
-    measure_graph_complexity,
-)
+from tallowmere.simulation.graph_complexity import GraphComplexity, _canonical_json_without_recursion
+
+from sibling_support import implementation_fixture
+
+impl = implementation_fixture("tallowmere.simulation.graph_complexity")
 
 
 def _chain(levels: int) -> dict[str, Any]:
@@ -36,15 +35,15 @@ SHARED = {"op": "rank", "args": [{"op": "close"}]}
         (_chain(100_000), 100_000, 100_000),
     ],
 )
-def test_measures_depth_and_every_occurrence(graph: object, depth: int, node_count: int) -> None:
-    assert measure_graph_complexity(graph) == GraphComplexity(depth=depth, node_count=node_count)
+def test_measures_depth_and_every_occurrence(impl: Any, graph: object, depth: int, node_count: int) -> None:
+    assert impl.measure_graph_complexity(graph) == GraphComplexity(depth=depth, node_count=node_count)
 
 
-def test_heavily_shared_graph_is_measured_in_linear_time() -> None:
+def test_heavily_shared_graph_is_measured_in_linear_time(impl: Any) -> None:
     graph: dict[str, Any] = {"op": "close"}
     for _ in range(200):
         graph = {"op": "add", "args": [graph, graph]}
-    assert measure_graph_complexity(graph) == GraphComplexity(depth=201, node_count=2**201 - 1)
+    assert impl.measure_graph_complexity(graph) == GraphComplexity(depth=201, node_count=2**201 - 1)
 
 
 @pytest.mark.parametrize(
@@ -60,43 +59,43 @@ def test_heavily_shared_graph_is_measured_in_linear_time() -> None:
          "graph node at root.args[1].args[0]: 'op' must be a non-empty string"),
     ],
 )
-def test_malformed_graph_names_the_node(graph: object, message: str) -> None:
+def test_malformed_graph_names_the_node(impl: Any, graph: object, message: str) -> None:
     with pytest.raises(ValueError) as caught:
-        measure_graph_complexity(graph)
+        impl.measure_graph_complexity(graph)
     assert message in str(caught.value)
 
 
-def test_error_path_deep_in_a_graph_is_abbreviated() -> None:
+def test_error_path_deep_in_a_graph_is_abbreviated(impl: Any) -> None:
     graph = _chain(50_000)
     leaf = graph
     while "args" in leaf:
         leaf = leaf["args"][0]
     leaf["op"] = ""
     with pytest.raises(ValueError, match=r"root\.args\[0\].*more levels.*args\[0\]: 'op' must") as caught:
-        measure_graph_complexity(graph)
+        impl.measure_graph_complexity(graph)
     assert len(str(caught.value)) < 300
 
 
-def test_node_containing_itself_is_refused() -> None:
+def test_node_containing_itself_is_refused(impl: Any) -> None:
     inner: dict[str, Any] = {"op": "neg"}
     graph = {"op": "add", "args": [{"op": "close"}, inner]}
     inner["args"] = [graph]
     with pytest.raises(ValueError, match=r"root\.args\[1\]\.args\[0\]: the node contains itself"):
-        measure_graph_complexity(graph)
+        impl.measure_graph_complexity(graph)
     with pytest.raises(ValueError, match="cannot be fingerprinted: Circular reference"):
-        graph_fingerprint(graph)
+        impl.graph_fingerprint(graph)
 
 
-def test_fingerprint_sees_every_value_and_refuses_non_json() -> None:
+def test_fingerprint_sees_every_value_and_refuses_non_json(impl: Any) -> None:
     graph = {"op": "ts_mean", "window": 20, "args": [{"op": "close"}]}
-    assert graph_fingerprint(graph) != graph_fingerprint({**graph, "window": 20.0})
+    assert impl.graph_fingerprint(graph) != impl.graph_fingerprint({**graph, "window": 20.0})
     shared_twice = {"op": "sub", "args": [SHARED, SHARED]}
     assert _canonical_json_without_recursion(shared_twice) == json.dumps(shared_twice, sort_keys=True,
                                                                         separators=(",", ":"))
-    assert len(graph_fingerprint(_chain(100_000))) == 64
+    assert len(impl.graph_fingerprint(_chain(100_000))) == 64
     for bad in ({"op": "const", "value": float("inf")}, {"op": "x", "when": {1, 2}}):
         with pytest.raises(ValueError, match="graph cannot be fingerprinted"):
-            graph_fingerprint(bad)
+            impl.graph_fingerprint(bad)
 
 
 _json_scalars = st.none() | st.booleans() | st.integers() | st.floats(allow_nan=False, allow_infinity=False) | st.text()
@@ -114,8 +113,8 @@ def test_encoder_without_recursion_matches_json_dumps(value: object) -> None:
 
 
 @given(st.dictionaries(st.text(max_size=6), _json_scalars, max_size=8), st.randoms())
-def test_fingerprint_is_invariant_to_key_order(parameters: dict[str, object], rng: Any) -> None:
+def test_fingerprint_is_invariant_to_key_order(impl: Any, parameters: dict[str, object], rng: Any) -> None:
     graph = {"op": "f", **parameters}
     items = list(graph.items())
     rng.shuffle(items)
-    assert graph_fingerprint(dict(items)) == graph_fingerprint(graph)
+    assert impl.graph_fingerprint(dict(items)) == impl.graph_fingerprint(graph)

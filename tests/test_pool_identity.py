@@ -3,10 +3,13 @@
 from __future__ import annotations
 
 from types import SimpleNamespace
+from typing import Any
 
 import pytest
 
-from tallowmere.submissions.pool_identity import selected_signal_pool_from_era_config
+from sibling_support import implementation_fixture
+
+impl = implementation_fixture("tallowmere.submissions.pool_identity")
 
 MOMENTUM = {"name": "momentum", "is_correlation_threshold": 0.7}
 REVERSAL = SimpleNamespace(name="reversal")
@@ -38,5 +41,5 @@ class _Unreadable:
         (_Unreadable(), "momentum", None),
     ],
 )
-def test_selected_pool(era: object, name: object, expected: object) -> None:
-    assert selected_signal_pool_from_era_config(era, name) is expected
+def test_selected_pool(impl: Any, era: object, name: object, expected: object) -> None:
+    assert impl.selected_signal_pool_from_era_config(era, name) is expected

@@ -3,18 +3,21 @@
 from __future__ import annotations
 
 import math
+from typing import Any
 
 import pytest
 
-from tallowmere.submissions.threshold_gates import evaluate_threshold_gates
+from sibling_support import implementation_fixture
+
+impl = implementation_fixture("tallowmere.submissions.threshold_gates")
 
 CATALOG = {"is_pnl_mi_threshold": 0.35, "min_sharpe": 0.3, "max_turnover": 0.9, "is_correlation_threshold": 0.7}
 
 
-def _failures(metrics: dict[str, object] | None, threshold_set: dict[str, object] | None,
+def _failures(impl: Any, metrics: dict[str, object] | None, threshold_set: dict[str, object] | None,
               pool_thresholds: dict[str, object] | None = None) -> list[str]:
-    result = evaluate_threshold_gates(metrics=metrics, threshold_set=threshold_set,
-                                      pool_thresholds=threshold_set if pool_thresholds is None else pool_thresholds)
+    result = impl.evaluate_threshold_gates(metrics=metrics, threshold_set=threshold_set,
+                                           pool_thresholds=threshold_set if pool_thresholds is None else pool_thresholds)
     assert result.passed is (not result.failures)
     return [f"{f.gate} failed: {f.actual} {f.operator} {f.threshold}" for f in result.failures]
 
@@ -41,16 +44,16 @@ def _failures(metrics: dict[str, object] | None, threshold_set: dict[str, object
         (None, None, []),
     ],
 )
-def test_gate_rules(metrics: dict[str, object], thresholds: dict[str, object], failures: list[str]) -> None:
-    assert _failures(metrics, thresholds) == failures
+def test_gate_rules(impl: Any, metrics: dict[str, object], thresholds: dict[str, object], failures: list[str]) -> None:
+    assert _failures(impl, metrics, thresholds) == failures
 
 
-def test_pool_thresholds_override_the_threshold_set() -> None:
-    assert _failures({"sharpe": 0.4, "turnover": 0.95}, {"min_sharpe": 0.5, "max_turnover": 0.9},
+def test_pool_thresholds_override_the_threshold_set(impl: Any) -> None:
+    assert _failures(impl, {"sharpe": 0.4, "turnover": 0.95}, {"min_sharpe": 0.5, "max_turnover": 0.9},
                      {"min_sharpe": 0.3}) == ["turnover failed: 0.95 <= 0.9"]
 
 
 @pytest.mark.parametrize("bad", [None, "0.5", True, math.nan, math.inf])
-def test_unusable_threshold_names_its_key(bad: object) -> None:
+def test_unusable_threshold_names_its_key(impl: Any, bad: object) -> None:
     with pytest.raises(ValueError, match="^threshold max_turnover must be a finite number"):
-        _failures({"sharpe": 1.0}, {"min_sharpe": 0.3, "max_turnover": bad})
+        _failures(impl, {"sharpe": 1.0}, {"min_sharpe": 0.3, "max_turnover": bad})

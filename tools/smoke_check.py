@@ -1,6 +1,7 @@
 """Checks an installed tallowmere: the compiled client loads through the
-interpreter's extension loader, the package data ships, and a signal goes from
-simulation to an accepted submission against the bundled era catalog.
+interpreter's extension loader, the sibling modules use their compiled fast
+paths, the package data ships, and a signal goes from simulation to an
+accepted submission against the bundled era catalog.
 
     python tools/smoke_check.py
 """
@@ -11,10 +12,12 @@ import json
 from typing import Any
 
 import tallowmere.submit
+from tallowmere import _accelerate
 from tallowmere.simulation import simulate_signal
 from tallowmere.submit import SignalServiceClient
 
 assert isinstance(tallowmere.submit.__loader__, importlib.machinery.ExtensionFileLoader), tallowmere.submit.__loader__
+assert _accelerate.ACCELERATED, "the compiled sibling functions are not in use"
 catalog_text = importlib.resources.files("tallowmere.service").joinpath("default_eras.json").read_text()
 assert importlib.resources.files("tallowmere").joinpath("submit.pyi").is_file()
 assert importlib.resources.files("tallowmere").joinpath("py.typed").is_file()

@@ -44,6 +44,7 @@ from collections.abc import Callable, Iterable
 from dataclasses import dataclass
 from typing import Literal, TypedDict
 
+from tallowmere._accelerate import accelerate
 from tallowmere.simulation.graph_complexity import graph_fingerprint
 
 __all__ = [
@@ -351,3 +352,15 @@ def _frequency(value: object) -> str:
     if not isinstance(value, str) or not value.strip():
         raise ValueError(f"frequency must be a non-blank string such as '1d', got {value!r}")
     return value
+
+
+# The compiled versions of these functions, unless switched off (see tallowmere._accelerate).
+accelerate(
+    globals(),
+    (
+        "require_recorded_backtest_timing",
+        "require_recorded_backtest_timings",
+        "consume_recorded_backtest_timing",
+        "assess_client_backtest_timing",
+    ),
+)

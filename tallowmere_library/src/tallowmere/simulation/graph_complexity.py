@@ -33,6 +33,8 @@ from collections.abc import Sequence
 from dataclasses import dataclass
 from json.encoder import encode_basestring_ascii
 
+from tallowmere._accelerate import accelerate
+
 __all__ = ["GraphComplexity", "graph_fingerprint", "measure_graph_complexity"]
 
 # Longest index path printed in full in an error message; longer paths show
@@ -284,3 +286,7 @@ def _key_text(key: object) -> str:
     if isinstance(key, int):
         return encode_basestring_ascii(int.__repr__(key))
     raise TypeError(f"keys must be str, int, float, bool or None, not {type(key).__name__}")
+
+
+# The compiled versions of these functions, unless switched off (see tallowmere._accelerate).
+accelerate(globals(), ("measure_graph_complexity", "graph_fingerprint"))

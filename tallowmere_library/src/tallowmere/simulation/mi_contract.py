@@ -20,6 +20,8 @@ from __future__ import annotations
 import math
 from collections.abc import Mapping
 
+from tallowmere._accelerate import accelerate
+
 __all__ = [
     "MI_CONTRACT_KEYS",
     "_coerce_mi_contract_value",
@@ -110,3 +112,15 @@ def _has_non_finite_number(value: object) -> bool:
             else:
                 pending.extend(item)
     return False
+
+
+# The compiled versions of these functions, unless switched off (see tallowmere._accelerate).
+accelerate(
+    globals(),
+    (
+        "_coerce_mi_contract_value",
+        "_has_disallowed_mi_contract_field",
+        "_has_non_finite_number",
+        "_is_finite_number",
+    ),
+)

@@ -17,6 +17,8 @@ from __future__ import annotations
 
 import unicodedata
 
+from tallowmere._accelerate import accelerate
+
 __all__ = ["MAX_NAMED_UNIVERSE_LENGTH", "_is_unsafe_named_universe", "_normalize_named_universe"]
 
 MAX_NAMED_UNIVERSE_LENGTH = 128
@@ -52,3 +54,7 @@ def _is_unsafe_named_universe(name: object) -> bool:
         if character in _SEPARATORS or unicodedata.category(character) in _UNSAFE_CATEGORIES:
             return True
     return False
+
+
+# The compiled versions of these functions, unless switched off (see tallowmere._accelerate).
+accelerate(globals(), ("_normalize_named_universe", "_is_unsafe_named_universe"))

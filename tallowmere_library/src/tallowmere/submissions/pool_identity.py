@@ -18,6 +18,8 @@ from __future__ import annotations
 
 from collections.abc import Mapping
 
+from tallowmere._accelerate import accelerate
+
 __all__ = ["selected_signal_pool_from_era_config"]
 
 
@@ -60,3 +62,7 @@ def selected_signal_pool_from_era_config(era_config: object, signal_pool_name: o
         if isinstance(name, str) and name == signal_pool_name:
             return pool
     return None
+
+
+# The compiled versions of these functions, unless switched off (see tallowmere._accelerate).
+accelerate(globals(), ("selected_signal_pool_from_era_config",))

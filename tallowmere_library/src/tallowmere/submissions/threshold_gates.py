@@ -39,6 +39,8 @@ from collections.abc import Mapping
 from dataclasses import dataclass
 from typing import Literal
 
+from tallowmere._accelerate import accelerate
+
 __all__ = ["ThresholdGateFailure", "ThresholdGateResult", "evaluate_threshold_gates"]
 
 _NAMED_GATES: dict[str, str] = {
@@ -140,3 +142,7 @@ def evaluate_threshold_gates(
         if not _gate_holds(actual, operator, threshold):
             failures.append(ThresholdGateFailure(gate=metric, actual=actual, operator=operator, threshold=threshold))
     return ThresholdGateResult(passed=not failures, failures=tuple(failures))
+
+
+# The compiled versions of these functions, unless switched off (see tallowmere._accelerate).
+accelerate(globals(), ("evaluate_threshold_gates",))

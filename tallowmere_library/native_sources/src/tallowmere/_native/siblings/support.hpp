@@ -1,0 +1,79 @@
+// What every fast path of a sibling module relies on: its module's
+// registration, the check that the module is as it was imported, the way to
+// hand a call to the module's Python implementation, and direct construction
+// of the module's frozen result records.
+//
+// The rule each fast path follows: it works on the exact built-in types it
+// knows (dict, list, tuple, str, int, float, bool, None) and, before it has
+// run any Python code, hands anything else — a subclass, another type, any
+// input that ends in an error — to the Python implementation, which then
+// produces the result or the exact error. Once a fast path has run Python
+// code (a store's method, a record's attribute), it carries on as the Python
+// implementation would.
+#pragma once
+
+#include "_native/native_state.hpp"
+#include "core/function.hpp"
+#include "core/python.hpp"
+
+#include <initializer_list>
+
+namespace tallowmere::native {
+
+// The registration of a sibling module, importing the module first when it
+// has not registered yet.
+SiblingSlot& sibling(const Module& m, Sibling which);
+
+// True while the module's namespace holds exactly the objects it held when
+// the module registered (at the end of its import).
+bool sibling_intact(const Module& m, Sibling which);
+
+// The module's Python implementation of `name`.
+Ref python_implementation(const Module& m, Sibling which, PyObject* name);
+
+// The module global `name`, read now.
+Ref sibling_global(const Module& m, Sibling which, PyObject* name);
+
+// An instance of a registered record class built by keyword:
+// cls(field=value, ...), or, while the class is unchanged, the same instance
+// made directly.
+Ref make_record(const Module& m, const RecordClass& record, PyObject* cls, std::initializer_list<Kw> fields);
+
+// The exact built-in types the fast paths handle themselves.
+inline bool is_exact_scalar(PyObject* value) {
+    return value == Py_None || PyBool_Check(value) || PyLong_CheckExact(value) || PyFloat_CheckExact(value) ||
+           PyUnicode_CheckExact(value);
+}
+
+// The bound function of each fast path, by file.
+namespace sibling_members {
+// graph.cpp
+extern const Member measure_graph_complexity;
+extern const Member graph_fingerprint;
+extern const Member sha256_hexdigest;
+// mi_contract.cpp
+extern const Member is_finite_number;
+extern const Member coerce_mi_contract_value;
+extern const Member has_disallowed_mi_contract_field;
+extern const Member has_non_finite_number;
+// named_universe.cpp
+extern const Member normalize_named_universe;
+extern const Member is_unsafe_named_universe;
+// threshold_gates.cpp
+extern const Member evaluate_threshold_gates;
+// pool_identity.cpp
+extern const Member selected_signal_pool_from_era_config;
+// backtest_timing.cpp
+extern const Member require_recorded_backtest_timing;
+extern const Member require_recorded_backtest_timings;
+extern const Member consume_recorded_backtest_timing;
+extern const Member assess_client_backtest_timing;
+}  // namespace sibling_members
+
+// graph.cpp: the fingerprint of a graph, for callers inside this module, and
+// what the computation does with the memo of recently fingerprinted graphs:
+// consult it, remember the graph in it, or take the graph's entry out of it.
+enum class Memo : unsigned char { consult, remember, take };
+Ref fingerprint_graph(const Module& m, const Ref& graph, Memo memo);
+
+}  // namespace tallowmere::native
