@@ -1051,13 +1051,13 @@ inline void Evaluator::shift(NodeState& state, long t) {
 // nothing.
 inline void Evaluator::write_weights(const double* values, double* weights) const {
     const int n = n_;
-    const int full = n - n % lanes;
     // One pass for the present values' sum, their size and their count (a sum
     // of ones, exact), each added in lanes as lane_sum adds.
     double sums[lanes] = {}, sizes[lanes] = {}, counts[lanes] = {};
     int i = 0;
 #if defined(TALLOWMERE_ENGINE_AVX2_CODE)
     {
+        const int full = n - n % lanes;
         const __m256d zero = _mm256_setzero_pd(), one = _mm256_set1_pd(1.0), sign = _mm256_set1_pd(-0.0);
         __m256d sum[2] = {zero, zero}, size[2] = {zero, zero}, count[2] = {zero, zero};
         for (; i < full; i += lanes) {
@@ -1107,7 +1107,6 @@ inline void Evaluator::write_weights(const double* values, double* weights) cons
 // net and gross exposure and largest weight, in one pass.
 inline void Evaluator::write_daily(long t) {
     const int n = n_;
-    const int full = n - n % lanes;
     const long days = run_.days;
     const double* w = run_.weights + t * n;
     if (t == 0) std::fill(scratch_.get(), scratch_.get() + n, 0.0);
@@ -1118,6 +1117,7 @@ inline void Evaluator::write_daily(long t) {
     int i = 0;
 #if defined(TALLOWMERE_ENGINE_AVX2_CODE)
     {
+        const int full = n - n % lanes;
         const __m256d zero = _mm256_setzero_pd(), sign = _mm256_set1_pd(-0.0);
         __m256d p[2] = {zero, zero}, d[2] = {zero, zero}, e[2] = {zero, zero}, g[2] = {zero, zero}, l[2] = {zero, zero};
         for (; i < full; i += lanes) {
