@@ -135,6 +135,7 @@ public:
           start_(static_cast<std::size_t>(n) + 2),
           members_(static_cast<std::size_t>(n) + rank_slots),
           table_(2 * static_cast<std::size_t>(n) + 1),
+          single_positions_(static_cast<std::size_t>(n) + 1),
           pairs_(static_cast<std::size_t>(n)) {}
 
     void rank(const double* x, double* out);
@@ -163,8 +164,10 @@ private:
     std::vector<int> place_;  // a value's place among its bucket's members, in arrival order
     std::vector<int> start_;
     std::vector<double> members_;
-    // table_[k] = k / (2 (m - 1)) for k <= 2 (m - 1), missing after.
+    // table_[k] = k / (2 (m - 1)) for k <= 2 (m - 1), missing after;
+    // single_positions_[p] = table_[2 p], the rank of an untied position.
     std::vector<double> table_;
+    std::vector<double> single_positions_;
     int table_present_ = -1;
     std::vector<std::pair<double, int>> pairs_;
 };
@@ -193,6 +196,7 @@ inline void Ranker::build_table(int present) {
     const std::size_t last = 2 * static_cast<std::size_t>(present - 1);
     for (std::size_t k = 0; k <= last; ++k) table_[k] = static_cast<double>(k) / denominator;
     std::fill(table_.begin() + static_cast<std::ptrdiff_t>(last) + 1, table_.end(), missing());
+    for (std::size_t p = 0; p < single_positions_.size(); ++p) single_positions_[p] = table_[2 * p];
     table_present_ = present;
 }
 
@@ -296,6 +300,7 @@ inline bool Ranker::rank_in_slots(double* out) {
     int* count = count_.data();
     float* slots = slots_.data();
     std::fill(count, count + buckets + 1, 0);
+#pragma GCC unroll 4
     for (int k = 0; k < n; ++k) {
         const auto b = static_cast<unsigned>(bucket[k]);
         const auto members = static_cast<unsigned>(count[b]);
@@ -338,7 +343,7 @@ inline bool Ranker::rank_in_slots(double* out) {
         return true;
     }
     build_table(present);
-    const double* table = table_.data();
+    const double* table = single_positions_.data();
     std::int64_t positions = 0;
 #pragma GCC unroll 4
     for (int k = 0; k < n; ++k) {
@@ -356,7 +361,7 @@ inline bool Ranker::rank_in_slots(double* out) {
 #endif
         const unsigned position = static_cast<unsigned>(below[kb]) + less;
         positions += position;
-        out[k] = table[2 * position];
+        out[k] = table[position];
     }
     const std::int64_t m = present;
     return positions == m * (m - 1) / 2 + static_cast<std::int64_t>(n - present) * m;
