@@ -323,9 +323,9 @@ inline bool Ranker::rank_in_slots(double* out) {
             __m256i v = _mm256_add_epi32(c, _mm256_slli_si256(c, 4));
             v = _mm256_add_epi32(v, _mm256_slli_si256(v, 8));
             const __m256i low_half = _mm256_shuffle_epi32(_mm256_permute2x128_si256(v, v, 0x08), 0xFF);
-            v = _mm256_add_epi32(_mm256_add_epi32(v, low_half), carry);
-            _mm256_storeu_si256(reinterpret_cast<__m256i*>(below + b + 1), v);
-            carry = _mm256_permutevar8x32_epi32(v, last_lane);
+            v = _mm256_add_epi32(v, low_half);  // the prefix within these eight buckets
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(below + b + 1), _mm256_add_epi32(v, carry));
+            carry = _mm256_add_epi32(carry, _mm256_permutevar8x32_epi32(v, last_lane));  // a short chain
         }
         alignas(32) int lanes_most[8];
         _mm256_store_si256(reinterpret_cast<__m256i*>(lanes_most), most);
@@ -726,14 +726,24 @@ inline void Evaluator::window_sum(NodeState& state, long t) {
     const Rows& argument = states_[static_cast<std::size_t>(state.node.args[0])].out;
     const double* __restrict today = argument.row(t);
     double* __restrict prefix = prefix_row(state, 0);
+    double* __restrict out = state.out.row(t);
+    const double count = static_cast<double>(window);
+    const bool mean = state.node.op == Op::ts_mean;
+    if (t >= window && j > 0 && j < window - 1) {  // most days: grow the prefix and add the suffix in one pass
+        const double* __restrict suffix = suffix_row(state, 0, j + 1);
+        for (int i = 0; i < n; ++i) {
+            const double grown = prefix[i] + today[i];
+            prefix[i] = grown;
+            const double sum = suffix[i] + grown;
+            out[i] = finite_or_missing(mean ? sum / count : sum);
+        }
+        return;
+    }
     if (j == 0) {
         std::copy(today, today + n, prefix);
     } else {
         for (int i = 0; i < n; ++i) prefix[i] = prefix[i] + today[i];
     }
-    double* __restrict out = state.out.row(t);
-    const double count = static_cast<double>(window);
-    const bool mean = state.node.op == Op::ts_mean;
     if (t < window - 1) {
         std::fill(out, out + n, missing());
     } else if (j == window - 1) {
@@ -806,6 +816,22 @@ inline void merged_deviations(int n, double days, const MergeFactors f, const do
     }
 }
 
+// The prefix takes in today (grow_moments), then the suffix (older) merges
+// with it into the window's deviation (merged_deviations), in one pass.
+inline void grow_and_deviate(int n, double days, const MergeFactors grow, const MergeFactors merge,
+                             const double* __restrict x, const double* __restrict ma, const double* __restrict qa,
+                             double* __restrict m, double* __restrict q, double* __restrict out) {
+    for (int i = 0; i < n; ++i) {
+        const double g = x[i] - m[i];
+        const double grown_mean = m[i] + g * grow.shift;
+        const double grown_squares = q[i] + (g * g) * grow.squares;
+        m[i] = grown_mean;
+        q[i] = grown_squares;
+        const double d = grown_mean - ma[i];
+        out[i] = deviation(ma[i] + d * merge.shift, (qa[i] + grown_squares) + (d * d) * merge.squares, days);
+    }
+}
+
 inline void Evaluator::window_moments(NodeState& state, long t) {
     const int n = n_;
     const long window = state.node.window;
@@ -814,6 +840,12 @@ inline void Evaluator::window_moments(NodeState& state, long t) {
     const double* today = argument.row(t);
     double* mean = prefix_row(state, 0);
     double* squares = prefix_row(state, 1);
+    const double days = static_cast<double>(window);
+    if (t >= window && j > 0 && j < window - 1) {  // most days: grow the prefix and merge it in one pass
+        grow_and_deviate(n, days, merge_factors(j, 1), merge_factors(window - 1 - j, j + 1), today,
+                         suffix_row(state, 0, j + 1), suffix_row(state, 1, j + 1), mean, squares, state.out.row(t));
+        return;
+    }
     if (j == 0) {
         std::copy(today, today + n, mean);
         std::fill(squares, squares + n, 0.0);
@@ -821,7 +853,6 @@ inline void Evaluator::window_moments(NodeState& state, long t) {
         grow_moments(n, merge_factors(j, 1), today, mean, squares);
     }
     double* out = state.out.row(t);
-    const double days = static_cast<double>(window);
     if (t < window - 1) {
         std::fill(out, out + n, missing());
     } else if (j == window - 1) {
@@ -915,6 +946,44 @@ inline void merged_correlations_rows(int n, double days, const MergeFactors f, c
     }
 }
 
+// The prefix takes in today's pair (grow_comoments_rows), then the suffix
+// (older) merges with it into the window's correlation
+// (merged_correlations_rows), asset by asset in one pass.
+inline void grow_and_correlate_rows(int n, double days, const MergeFactors grow, const MergeFactors merge,
+                                    const double* __restrict x, const double* __restrict y,
+                                    const double* __restrict oa, const double* __restrict ob,
+                                    const double* __restrict ra, const double* __restrict rb,
+                                    const double* __restrict rc, double* __restrict ma, double* __restrict mb,
+                                    double* __restrict qa, double* __restrict qb, double* __restrict c,
+                                    double* __restrict out) {
+    // older block (the suffix): means oa/ob, squares ra/rb, cross rc; the prefix: ma/mb, qa/qb, c
+    for (int i = 0; i < n; ++i) {
+        const double gx = x[i] - ma[i];
+        const double gy = y[i] - mb[i];
+        const double na = ma[i] + gx * grow.shift;
+        const double nb = mb[i] + gy * grow.shift;
+        const double sa = qa[i] + (gx * gx) * grow.squares;
+        const double sb = qb[i] + (gy * gy) * grow.squares;
+        const double sc = c[i] + (gx * gy) * grow.squares;
+        ma[i] = na;
+        mb[i] = nb;
+        qa[i] = sa;
+        qb[i] = sb;
+        c[i] = sc;
+        const double dx = na - oa[i];
+        const double dy = nb - ob[i];
+        out[i] = correlation(oa[i] + dx * merge.shift, ob[i] + dy * merge.shift, (ra[i] + sa) + (dx * dx) * merge.squares,
+                             (rb[i] + sb) + (dy * dy) * merge.squares, (rc[i] + sc) + (dx * dy) * merge.squares, days);
+    }
+}
+
+inline void grow_and_correlate(int n, double days, const MergeFactors grow, const MergeFactors merge, const double* x,
+                               const double* y, const Comoments& older, const Comoments& prefix, double* out) {
+    grow_and_correlate_rows(n, days, grow, merge, x, y, older.mean_a, older.mean_b, older.squares_a, older.squares_b,
+                            older.cross, prefix.mean_a, prefix.mean_b, prefix.squares_a, prefix.squares_b, prefix.cross,
+                            out);
+}
+
 inline void Evaluator::window_comoments(NodeState& state, long t) {
     const int n = n_;
     const long window = state.node.window;
@@ -940,6 +1009,13 @@ inline void Evaluator::window_comoments(NodeState& state, long t) {
     const double* x = left.row(t);
     const double* y = right.row(t);
     const Comoments grown = prefix();
+    const double days = static_cast<double>(window);
+    if (t >= window && j > 0 && j < window - 1) {  // most days: grow the prefix and merge it in one pass
+        const Comoments older = suffix(j + 1);
+        grow_and_correlate(n, days, merge_factors(j, 1), merge_factors(window - 1 - j, j + 1), x, y, older, grown,
+                           state.out.row(t));
+        return;
+    }
     if (j == 0) {
         single(grown, x, y);
     } else {
@@ -947,7 +1023,6 @@ inline void Evaluator::window_comoments(NodeState& state, long t) {
                             grown.squares_b, grown.cross);
     }
     double* out = state.out.row(t);
-    const double days = static_cast<double>(window);
     if (t < window - 1) {
         std::fill(out, out + n, missing());
     } else if (j == window - 1) {
