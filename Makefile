@@ -12,7 +12,7 @@ PYTHON_SOURCES := $(shell find tallowmere_library/src -type f -not -path '*/__py
 BUILD_TOOLS := "scikit-build-core>=0.10,<2" "cmake>=3.26,<5" "ninja>=1.11,<2"
 PYTEST_ARGS ?=
 
-.PHONY: all install develop test demo bench check-memory check-leaks check-sanitizers check-valgrind dist clean
+.PHONY: all install develop test demo bench bench-batch check-memory check-leaks check-sanitizers check-valgrind dist clean
 
 all: install
 
@@ -55,10 +55,15 @@ demo: install
 	$(VPY) -m tallowmere demo
 
 # The client against the floor of its work, the reference service and httpx,
-# printed as one table (see the README for the figures).
+# printed as one table (see the README for the figures); the simulator; and
+# tallowmere batch of 2,000 candidates end to end (bench-batch: that alone).
 bench: install
 	$(VPY) bench/bench_client.py
 	$(VPY) bench/bench_simulation.py
+	$(VPY) bench/bench_cli_batch.py
+
+bench-batch: install
+	$(VPY) bench/bench_cli_batch.py
 
 # An sdist and a wheel (the wheel is built from the sdist, so the sdist is
 # known to build from scratch); the wheel is then installed into a fresh
@@ -77,22 +82,25 @@ clean:
 
 # ---- memory safety -----------------------------------------------------------
 # Three checks, each of which can fail:
-#   check-leaks       the leak-repeat test on the release build under pymalloc,
-#                     whose block count it reads; a positive control proves it
-#                     catches a leak of one object per call.
-#   check-sanitizers  the client's and the sibling modules' tests on a build with AddressSanitizer and
+#   check-leaks       the leak-repeat tests (the client's, the compiled siblings'
+#                     and the simulation engine's) on the release build under
+#                     pymalloc, whose block count they read; a positive control
+#                     proves the check catches a leak of one object per call.
+#   check-sanitizers  the client's, the compiled siblings' and the engine's tests
+#                     on a build with AddressSanitizer and
 #                     UndefinedBehaviorSanitizer, Python's allocator switched to
 #                     malloc so that the sanitizer sees every object (the
 #                     leak-repeat test is left to check-leaks: it counts blocks
 #                     only under pymalloc). Any report fails the run.
-#   check-valgrind    memcheck over the fault, globals-fuzz and request tests on
-#                     the release build; it sees invalid accesses made inside
+#   check-valgrind    memcheck over the fault, globals-fuzz and request tests and
+#                     the engine's tests on the release build; it sees invalid accesses made inside
 #                     libpython, which carries no sanitizer instrumentation.
 #                     Suppressions: tools/valgrind-python.supp (libpython's noise).
 check-memory: check-leaks check-sanitizers check-valgrind
 
 check-leaks: install
-	PYTHONMALLOC=pymalloc $(VPY) -m pytest -p no:cacheprovider -q tests/test_submit_memory.py tests/test_sibling_memory.py
+	PYTHONMALLOC=pymalloc $(VPY) -m pytest -p no:cacheprovider -q tests/test_submit_memory.py \
+		tests/test_sibling_memory.py tests/test_native_engine_memory.py
 
 ASAN_VENV := .venv-asan
 # The C++ runtime is preloaded too: the sanitizer intercepts C++ exceptions only
@@ -111,7 +119,8 @@ $(ASAN_VENV)/.installed: $(NATIVE_INPUTS) $(PYTHON_SOURCES) $(VENV)/.deps
 SANITIZER_REPORTS := build/asan/reports
 SIBLING_TESTS := tests/test_sibling_accelerators.py tests/test_graph_complexity.py tests/test_mi_contract.py \
 	tests/test_named_universe.py tests/test_pool_identity.py tests/test_threshold_gates.py tests/test_backtest_timing.py
-SANITIZER_TESTS = $(filter-out tests/test_submit_memory.py,$(wildcard tests/test_submit_*.py)) $(SIBLING_TESTS)
+ENGINE_TESTS := tests/test_simulation_engines.py tests/test_simulation_market_panel.py
+SANITIZER_TESTS = $(filter-out tests/test_submit_memory.py,$(wildcard tests/test_submit_*.py)) $(SIBLING_TESTS) $(ENGINE_TESTS)
 
 check-sanitizers: $(ASAN_VENV)/.installed
 	@rm -rf $(SANITIZER_REPORTS) && mkdir -p $(SANITIZER_REPORTS)
@@ -123,7 +132,7 @@ check-sanitizers: $(ASAN_VENV)/.installed
 	exit $$status
 
 VALGRIND_LOGS := build/valgrind
-VALGRIND_TESTS := tests/test_submit_faults.py tests/test_submit_globals_fuzz.py tests/test_submit_request.py
+VALGRIND_TESTS := tests/test_submit_faults.py tests/test_submit_globals_fuzz.py tests/test_submit_request.py $(ENGINE_TESTS)
 
 # Children (the tests that run a fresh interpreter) are checked too; leaks are
 # left to check-leaks, since the interpreter does not free everything at exit.

@@ -119,3 +119,22 @@ def test_the_ledger_survives_a_torn_last_line_and_appends_after_it(tmp_path: Pat
     reopened.close()
     assert Ledger(path).accepted("e3") is not None
     assert json.loads(path.read_text().splitlines()[-1])["accepted_at"].endswith("Z")
+
+
+def test_a_simulation_that_fails_partway_keeps_the_finished_graphs(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    import tallowmere.simulation.simulator as simulator
+
+    evaluate = simulator.evaluate_book
+    failing = {"op": "rank", "args": [{"op": "ts_mean", "window": 7, "args": [{"op": "volume"}]}]}
+
+    def evaluate_unless_volume_mean(root: Any, panel: Any, engine: Any) -> Any:
+        if root.children and root.children[0].window == 7:
+            raise ValueError("no memory for this one")
+        return evaluate(root, panel, engine)
+
+    monkeypatch.setattr(simulator, "evaluate_book", evaluate_unless_volume_mean)
+    graphs = [GRAPH, failing, {"op": "rank", "args": [{"op": "volume"}]}]
+    outcomes = simulate_graphs(graphs, SimulationCache(tmp_path))
+    assert isinstance(outcomes[0], Simulation) and isinstance(outcomes[2], Simulation)
+    assert isinstance(outcomes[1], SimulationProblem) and outcomes[1].message == "no memory for this one"
+    assert len(list(tmp_path.rglob("*.json"))) == 2  # the two that finished are kept

@@ -123,17 +123,119 @@ def test_rank_ties_and_missing_values_are_identical(leaf: Graph) -> None:
     np.testing.assert_array_equal(ranks[:, 2], ranks[:, 3])  # the duplicated asset ties with its twin
 
 
-def test_the_rank_of_heavily_tied_and_extreme_days_matches_the_reference() -> None:
-    # Crowded buckets (ten equal values; a far outlier) and a day whose range overflows.
-    values = np.tile(np.linspace(0.0, 1.0, 24), (3, 1))
-    values[0, :10] = 0.5
-    values[1, 0] = 1e12
-    values[2, 5], values[2, 6] = 1.7e308, -1.7e308
-    panel = MarketPanel(
-        **{name: values for name in FIELD_NAMES if name != "close"}, close=values, in_sample_days=3
-    )
+def _rank_days(days: list[FloatArray]) -> tuple[FloatArray, FloatArray]:
+    """The native and reference ranks of each day of ``days`` (one row each), and the exact ranks (sorting)."""
+    values = np.array(days)
+    panel = MarketPanel(**{name: np.ones_like(values) for name in FIELD_NAMES if name != "close"}, close=values,
+                        in_sample_days=1)  # fmt: skip
     native, reference = _both(node("rank", node("close")), panel)
     np.testing.assert_array_equal(native, reference)
+    return native, values
+
+
+def _exact_ranks(row: FloatArray) -> FloatArray:
+    """Ties averaged, missing values missing, from a sort."""
+    present = row[~np.isnan(row)]
+    ranks = np.full(row.shape, np.nan)
+    if present.size == 1:
+        ranks[~np.isnan(row)] = 0.5
+        return ranks
+    for index, value in enumerate(row):
+        if value == value:
+            first = np.count_nonzero(present < value)
+            last = first + np.count_nonzero(present == value) - 1
+            ranks[index] = (first + last) / (2.0 * (present.size - 1))
+    return ranks
+
+
+def test_the_rank_of_hard_days_is_exact() -> None:
+    rng = np.random.default_rng(11)
+    assets = 40
+    base = rng.normal(size=assets)
+    days = [
+        base,
+        np.where(np.arange(assets) < 10, 0.5, base),  # ten equal values: one crowded bucket
+        np.where(np.arange(assets) == 0, 1e12, base),  # a far outlier crowds the rest into few buckets
+        np.where(np.arange(assets) == 5, 1.7e308, np.where(np.arange(assets) == 6, -1.7e308, base)),  # the range overflows
+        1.0 + base * 1e-12,  # neighbours closer than single precision tells apart
+        base * 1e-310,  # subnormal values: a range too small to bucket
+        np.where(np.arange(assets) % 2 == 0, 1e39, -1e39) * (1.0 + np.arange(assets)),  # beyond single precision
+        np.where(np.arange(assets) % 3 == 0, np.nan, base),  # missing values among present ones
+        np.where(np.arange(assets) == 7, 2.0, np.nan),  # one present value
+        np.round(base, 1),  # many ties
+        np.full(assets, -0.0),  # one value (of two signs of zero)
+        np.where(np.arange(assets) < 20, -0.0, 0.0),
+    ]
+    native, values = _rank_days(days)
+    for row, ranks in zip(values, native, strict=True):
+        np.testing.assert_array_equal(ranks, _exact_ranks(row))
+
+
+@pytest.mark.parametrize("assets", [2, 3, 7, 8, 9, 63, 257])
+def test_the_rank_of_any_width_is_exact(assets: int) -> None:
+    rng = np.random.default_rng(assets)
+    days = [rng.normal(size=assets), rng.integers(0, 3, assets).astype(float), np.exp(rng.normal(0.0, 20.0, assets))]
+    native, values = _rank_days(days)
+    for row, ranks in zip(values, native, strict=True):
+        np.testing.assert_array_equal(ranks, _exact_ranks(row))
+
+
+def test_the_rank_of_a_single_asset_is_the_middle_or_missing() -> None:
+    values = np.empty((3, 1))
+    _native.evaluate_program((("field", (), 0, 0.0), ("rank", (0,), 0, 0.0)), (np.array([[2.0], [np.nan], [-0.0]]),), values=values)
+    np.testing.assert_array_equal(values, [[0.5], [np.nan], [0.5]])
+
+
+def _oracle_window(values: FloatArray, window: int, statistic: str) -> FloatArray:
+    """A window statistic from exact sums (math.fsum) over each window's own values, one asset."""
+    out = np.full(values.shape, np.nan)
+    for end in range(window - 1, values.shape[0]):
+        days = values[end - window + 1 : end + 1]
+        mean = math.fsum(days) / window
+        if statistic == "sum":
+            out[end] = math.fsum(days)
+        elif statistic == "mean":
+            out[end] = mean
+        else:
+            squares = math.fsum((float(x) - mean) ** 2 for x in days)
+            flat = squares <= (1e-10 * mean) ** 2 * window  # the documented rule: a spread of rounding is none
+            out[end] = 0.0 if flat else math.sqrt(squares / (window - 1))
+    return out
+
+
+@pytest.mark.parametrize(("operator", "statistic"), [("ts_sum", "sum"), ("ts_mean", "mean"), ("ts_std", "std")])
+@pytest.mark.parametrize("level", [0.0, 1e3])
+def test_window_statistics_agree_with_exact_sums_and_never_drift(operator: str, statistic: str, level: float) -> None:
+    # A long history of noise around a level (up to a price a hundred thousand times its daily spread):
+    # every window matches the exact statistic of its own days, at the end as at the start, so nothing
+    # accumulates from the days before it. (Sums are compared on the scale of the values summed.)
+    rng = np.random.default_rng(5)
+    values = level + rng.normal(0.0, 1.0, (3000, 2)) * np.array([1.0, 1e-2])
+    panel = MarketPanel(**{name: values for name in FIELD_NAMES}, in_sample_days=100)
+    for window in (2, 7, 64, 250):
+        native, reference = _both(node(operator, node("close"), window=window), panel)
+        np.testing.assert_array_equal(native, reference)
+        for asset in range(2):
+            exact = _oracle_window(values[:, asset], window, statistic)
+            scale = np.abs(values[:, asset]).max() if statistic != "std" else 1e-2 if asset else 1.0
+            np.testing.assert_allclose(native[:, asset], exact, rtol=1e-9, atol=1e-9 * scale)
+
+
+def test_window_correlations_agree_with_exact_sums() -> None:
+    rng = np.random.default_rng(6)
+    left = 1e4 + rng.normal(size=(1500, 3))
+    right = 0.5 * left + rng.normal(size=(1500, 3)) * np.array([1.0, 10.0, 1e-3])
+    panel = MarketPanel(**{name: left for name in FIELD_NAMES if name != "vwap"}, vwap=right, in_sample_days=100)
+    for window in (2, 10, 99, 300):
+        native, reference = _both(node("ts_corr", node("close"), node("vwap"), window=window), panel)
+        np.testing.assert_array_equal(native, reference)
+        for asset in range(3):
+            for end in range(window - 1, 1500, 37):
+                a, b = left[end - window + 1 : end + 1, asset], right[end - window + 1 : end + 1, asset]
+                ma, mb = math.fsum(a) / window, math.fsum(b) / window
+                cross = math.fsum((x - ma) * (y - mb) for x, y in zip(a, b, strict=True))
+                spread = math.sqrt(math.fsum((x - ma) ** 2 for x in a) * math.fsum((y - mb) ** 2 for y in b))
+                assert math.isclose(native[end, asset], max(-1.0, min(1.0, cross / spread)), rel_tol=1e-9, abs_tol=1e-12)
 
 
 def test_a_graph_evaluates_its_shared_subtrees_once_and_keeps_constants_apart() -> None:

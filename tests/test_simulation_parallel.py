@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import multiprocessing
+import threading
 from concurrent.futures import ProcessPoolExecutor, ThreadPoolExecutor
 from typing import Any
 
@@ -100,3 +101,30 @@ def test_a_bad_graph_stops_everything_before_anything_runs() -> None:
         simulate_signals(graphs, workers=2)
     with pytest.raises(ValueError, match="recorded backtest timing is required"):
         require_recorded_backtest_timing(graphs[0])
+
+
+def test_each_result_is_handed_over_as_it_arrives_and_a_failing_caller_stops_the_rest() -> None:
+    handed: list[tuple[int, Any, str]] = []
+
+    def keep(index: int, result: Any) -> None:
+        handed.append((index, result, threading.current_thread().name))
+
+    results = simulate_signals(GRAPHS, workers=2, record_timing=False, keep_weights=False, on_result=keep)
+    assert sorted(index for index, _, _ in handed) == list(range(len(GRAPHS)))
+    assert all(results[index] is result for index, result, _ in handed)
+    assert {name for _, _, name in handed} == {threading.current_thread().name}  # the calling thread
+
+    class Stop(Exception):
+        pass
+
+    def stop_at_the_second(index: int, result: Any) -> None:
+        handed.append((index, result, ""))
+        if len(handed) == len(GRAPHS) + 2:
+            raise Stop
+
+    handed.clear()
+    handed.extend([(-1, None, "")] * len(GRAPHS))
+    with pytest.raises(Stop):
+        simulate_signals(GRAPHS * 4, workers=2, record_timing=False, keep_weights=False, on_result=stop_at_the_second)
+    assert len(handed) == len(GRAPHS) + 2  # nothing more after the caller failed
+    assert not [thread for thread in threading.enumerate() if thread.name.startswith("tallowmere-simulate")]

@@ -296,9 +296,6 @@ def _check_problem(graph: Mapping[str, Any], day_count: int) -> SimulationProble
 SIMULATION_WORKERS: Final = max(1, min(os.cpu_count() or 1, 8))
 """Threads that simulate side by side (the compiled engine runs without the GIL)."""
 
-SIMULATION_ROUND: Final = 8 * SIMULATION_WORKERS
-"""Graphs simulated per round: each round's results are reported (and cached) before the next starts."""
-
 
 def _simulate_each(
     graphs: Sequence[Mapping[str, Any]], on_result: Callable[[int, Simulation | SimulationProblem], None]
@@ -306,10 +303,10 @@ def _simulate_each(
     """Simulate every graph anew, telling ``on_result`` each one's position and outcome as it is done.
 
     Graphs that do not check are reported at once; the others are simulated
-    on ``SIMULATION_WORKERS`` threads, a round at a time, so that an
-    interrupted run has kept every finished round. A round that fails while
-    simulating is simulated again one graph at a time, to tell which graph
-    failed and why.
+    on ``SIMULATION_WORKERS`` threads, each result reported (and so cached)
+    as it arrives, so that an interrupted run keeps every finished graph.
+    When simulating fails, the graphs without a result are simulated again
+    one at a time, to tell which graph failed and why.
     """
     from tallowmere.simulation import default_panel, simulate_signals
 
@@ -321,18 +318,23 @@ def _simulate_each(
             runnable.append(position)
         else:
             on_result(position, problem)
-    for start in range(0, len(runnable), SIMULATION_ROUND):
-        positions = runnable[start : start + SIMULATION_ROUND]
-        try:
-            results = simulate_signals(
-                [graphs[position] for position in positions], workers=SIMULATION_WORKERS, keep_weights=False
-            )
-        except (ValueError, RecursionError):
-            for position in positions:
+    reported: set[int] = set()
+
+    def arrived(index: int, result: SimulationResult) -> None:
+        reported.add(index)
+        on_result(runnable[index], _simulation_of(result))
+
+    try:
+        simulate_signals(
+            [graphs[position] for position in runnable],
+            workers=SIMULATION_WORKERS,
+            keep_weights=False,
+            on_result=arrived,
+        )
+    except (ValueError, RecursionError):
+        for index, position in enumerate(runnable):
+            if index not in reported:
                 on_result(position, _simulate_anew(graphs[position]))
-            continue
-        for position, result in zip(positions, results, strict=True):
-            on_result(position, _simulation_of(result))
 
 
 def simulate_graphs(

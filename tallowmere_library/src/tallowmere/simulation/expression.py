@@ -144,7 +144,7 @@ def _evaluate(node: ExpressionNode, panel: MarketPanel, first: int, stop: int) -
     child_first = max(0, first - operator.lookback(node.window))
     inputs = tuple(_evaluate(child, panel, child_first, stop) for child in node.children)
     assert operator.kernel is not None
-    result = operator.kernel(inputs, node.window)[first - child_first :]
+    result = operator.kernel(inputs, node.window, child_first)[first - child_first :]
     result[~np.isfinite(result)] = np.nan
     return result
 

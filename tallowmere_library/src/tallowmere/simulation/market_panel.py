@@ -153,6 +153,24 @@ class MarketPanel:
             name=name,
         )
 
+    @classmethod
+    def _from_checked_fields(
+        cls, fields: FloatArray, *, in_sample_days: int, frequency: str, name: str
+    ) -> MarketPanel:
+        """A panel over a 7 × days × assets block of finite (or NaN) float64 fields in :data:`FIELD_NAMES` order.
+
+        For data made by this package only: the block is neither copied nor
+        checked, just made read-only, and each field is a view of it.
+        """
+        fields.setflags(write=False)
+        panel = object.__new__(cls)
+        for field_name, matrix in zip(FIELD_NAMES, fields, strict=True):
+            object.__setattr__(panel, field_name, matrix)
+        object.__setattr__(panel, "in_sample_days", in_sample_days)
+        object.__setattr__(panel, "frequency", frequency)
+        object.__setattr__(panel, "name", name)
+        return panel
+
     @property
     def day_count(self) -> int:
         """The number of days (rows)."""

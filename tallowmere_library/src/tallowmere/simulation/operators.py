@@ -31,8 +31,9 @@ from tallowmere.simulation.market_panel import FIELD_NAMES, FloatArray
 __all__ = ["OPERATORS", "Operator", "OperatorKind"]
 
 Inputs = tuple[FloatArray, ...]
-Kernel = Callable[[Inputs, int], FloatArray]
-"""A kernel maps the argument matrices and the window (0 when unused) to a new matrix."""
+Kernel = Callable[[Inputs, int, int], FloatArray]
+"""A kernel maps the argument matrices, the window (0 when unused) and the day number of the
+matrices' first row (the origin of a window's chunks) to a new matrix."""
 
 OperatorKind = Literal["data", "constant", "elementwise", "cross_sectional", "time_series"]
 
@@ -71,108 +72,108 @@ class Operator:
         return window if self.lookback_includes_window else window - 1
 
 
-def _add(args: Inputs, window: int) -> FloatArray:
+def _add(args: Inputs, window: int, origin: int) -> FloatArray:
     return args[0] + args[1]
 
 
-def _sub(args: Inputs, window: int) -> FloatArray:
+def _sub(args: Inputs, window: int, origin: int) -> FloatArray:
     return args[0] - args[1]
 
 
-def _mul(args: Inputs, window: int) -> FloatArray:
+def _mul(args: Inputs, window: int, origin: int) -> FloatArray:
     return args[0] * args[1]
 
 
-def _div(args: Inputs, window: int) -> FloatArray:
+def _div(args: Inputs, window: int, origin: int) -> FloatArray:
     return args[0] / args[1]
 
 
-def _pow(args: Inputs, window: int) -> FloatArray:
+def _pow(args: Inputs, window: int, origin: int) -> FloatArray:
     result: FloatArray = np.power(args[0], args[1])
     return result
 
 
-def _max(args: Inputs, window: int) -> FloatArray:
+def _max(args: Inputs, window: int, origin: int) -> FloatArray:
     result: FloatArray = np.maximum(args[0], args[1])
     return result
 
 
-def _min(args: Inputs, window: int) -> FloatArray:
+def _min(args: Inputs, window: int, origin: int) -> FloatArray:
     result: FloatArray = np.minimum(args[0], args[1])
     return result
 
 
-def _neg(args: Inputs, window: int) -> FloatArray:
+def _neg(args: Inputs, window: int, origin: int) -> FloatArray:
     result: FloatArray = np.negative(args[0])
     return result
 
 
-def _abs(args: Inputs, window: int) -> FloatArray:
+def _abs(args: Inputs, window: int, origin: int) -> FloatArray:
     result: FloatArray = np.abs(args[0])
     return result
 
 
-def _log(args: Inputs, window: int) -> FloatArray:
+def _log(args: Inputs, window: int, origin: int) -> FloatArray:
     result: FloatArray = np.log(args[0])
     return result
 
 
-def _sqrt(args: Inputs, window: int) -> FloatArray:
+def _sqrt(args: Inputs, window: int, origin: int) -> FloatArray:
     result: FloatArray = np.sqrt(args[0])
     return result
 
 
-def _sign(args: Inputs, window: int) -> FloatArray:
+def _sign(args: Inputs, window: int, origin: int) -> FloatArray:
     result: FloatArray = np.sign(args[0])
     return result
 
 
-def _rank(args: Inputs, window: int) -> FloatArray:
+def _rank(args: Inputs, window: int, origin: int) -> FloatArray:
     return cross_section.cross_sectional_rank(args[0])
 
 
-def _zscore(args: Inputs, window: int) -> FloatArray:
+def _zscore(args: Inputs, window: int, origin: int) -> FloatArray:
     return cross_section.cross_sectional_zscore(args[0])
 
 
-def _demean(args: Inputs, window: int) -> FloatArray:
+def _demean(args: Inputs, window: int, origin: int) -> FloatArray:
     return cross_section.cross_sectional_demean(args[0])
 
 
-def _ts_mean(args: Inputs, window: int) -> FloatArray:
-    return rolling.rolling_mean(args[0], window)
+def _ts_mean(args: Inputs, window: int, origin: int) -> FloatArray:
+    return rolling.rolling_mean(args[0], window, origin)
 
 
-def _ts_sum(args: Inputs, window: int) -> FloatArray:
-    return rolling.rolling_sum(args[0], window)
+def _ts_sum(args: Inputs, window: int, origin: int) -> FloatArray:
+    return rolling.rolling_sum(args[0], window, origin)
 
 
-def _ts_std(args: Inputs, window: int) -> FloatArray:
-    return rolling.rolling_std(args[0], window)
+def _ts_std(args: Inputs, window: int, origin: int) -> FloatArray:
+    return rolling.rolling_std(args[0], window, origin)
 
 
-def _ts_min(args: Inputs, window: int) -> FloatArray:
+def _ts_min(args: Inputs, window: int, origin: int) -> FloatArray:
     return rolling.rolling_min(args[0], window)
 
 
-def _ts_max(args: Inputs, window: int) -> FloatArray:
+def _ts_max(args: Inputs, window: int, origin: int) -> FloatArray:
     return rolling.rolling_max(args[0], window)
 
 
-def _ts_rank(args: Inputs, window: int) -> FloatArray:
+def _ts_rank(args: Inputs, window: int, origin: int) -> FloatArray:
     return rolling.rolling_rank(args[0], window)
 
 
-def _ts_delay(args: Inputs, window: int) -> FloatArray:
+def _ts_delay(args: Inputs, window: int, origin: int) -> FloatArray:
     return rolling.shifted(args[0], window)
 
 
-def _ts_delta(args: Inputs, window: int) -> FloatArray:
+def _ts_delta(args: Inputs, window: int, origin: int) -> FloatArray:
     return args[0] - rolling.shifted(args[0], window)
 
 
-def _ts_corr(args: Inputs, window: int) -> FloatArray:
-    return rolling.rolling_corr(args[0], args[1], window)
+def _ts_corr(args: Inputs, window: int, origin: int) -> FloatArray:
+    return rolling.rolling_corr(args[0], args[1], window, origin)
 
 
 _DATA_SUMMARIES: Mapping[str, str] = {

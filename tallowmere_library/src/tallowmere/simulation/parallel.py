@@ -21,6 +21,7 @@ from __future__ import annotations
 
 import dataclasses
 import math
+import time
 from collections.abc import Callable, Iterable, Mapping, Sequence
 from concurrent.futures import Executor, Future, ThreadPoolExecutor, as_completed
 from typing import cast
@@ -29,10 +30,11 @@ import numpy as np
 import numpy.typing as npt
 
 from tallowmere.simulation.backtest_timing import BacktestTimingRecord, record_backtest_timing
-from tallowmere.simulation.expression import compile_expression
+from tallowmere.simulation.engines import resolve_engine
+from tallowmere.simulation.expression import ExpressionNode, compile_expression
 from tallowmere.simulation.market_panel import MarketPanel
 from tallowmere.simulation.reference_pnls import ReferencePnls, prepare_reference_pnls
-from tallowmere.simulation.simulator import SimulationResult, resolve_panel, simulate_signal
+from tallowmere.simulation.simulator import SimulationResult, resolve_panel, simulate_checked, simulate_signal
 from tallowmere.simulation.synthetic_market import default_panel
 
 __all__ = ["EXECUTOR_CHUNK_GRAPHS", "simulate_signals"]
@@ -53,6 +55,7 @@ def simulate_signals(
     record_timing: bool = True,
     keep_weights: bool = True,
     progress: Callable[[int], None] | None = None,
+    on_result: Callable[[int, SimulationResult], None] | None = None,
 ) -> list[SimulationResult]:
     """Simulate every graph as :func:`simulate_signal` would, and return the results in input order.
 
@@ -62,12 +65,15 @@ def simulate_signals(
     backtest timing is recorded in this process. ``keep_weights=False``
     drops each result's daily weights (its ``weights`` is then an empty
     0 × assets array), which keeps thousands of results small, in memory and
-    on their way back from a cluster. ``progress`` is called in the calling
-    thread with the position of each graph as its result arrives.
+    on their way back from a cluster. As each result arrives, ``on_result``
+    is called with the graph's position and the result, then ``progress``
+    with the position, both in the calling thread; a caller that keeps each
+    result there keeps every finished one even when the call is interrupted.
 
     Raises ``ValueError`` for bad arguments or a graph that does not check,
     naming its position (``(batch item N)``), before anything is simulated;
-    an exception raised while simulating propagates as it is.
+    an exception raised while simulating propagates as it is (after the
+    graphs already running finish).
     """
     if executor is not None and workers is not None:
         raise ValueError("pass either workers or executor, not both")
@@ -78,31 +84,63 @@ def simulate_signals(
     items = list(graphs)
     panel = None if data is None else resolve_panel(data)
     checked = default_panel() if panel is None else panel
+    engine = resolve_engine()
+    roots: list[ExpressionNode] = []
+    check_seconds: list[float] = []
     for index, graph in enumerate(items):
+        began = time.perf_counter()
         try:
-            compile_expression(graph, day_count=checked.day_count)
+            roots.append(compile_expression(graph, day_count=checked.day_count))
         except ValueError as exc:
             raise ValueError(f"{exc} (batch item {index})") from None
-    prepare_reference_pnls(reference_pnls, day_count=checked.day_count, in_sample_days=checked.in_sample_days)
+        check_seconds.append(time.perf_counter() - began)
+    references = prepare_reference_pnls(
+        reference_pnls, day_count=checked.day_count, in_sample_days=checked.in_sample_days
+    )
 
     results: list[SimulationResult | None] = [None] * len(items)
 
     def arrived(index: int, result: SimulationResult) -> None:
-        if record_timing:
-            result = dataclasses.replace(result, timing=_record(items[index], result))
         results[index] = result
+        if on_result is not None:
+            on_result(index, result)
         if progress is not None:
             progress(index)
 
+    def simulate_here(index: int) -> SimulationResult:
+        """One graph in this process (this thread or a pool's), its checks already done."""
+        return simulate_checked(
+            items[index],
+            roots[index],
+            checked,
+            references,
+            record_timing=record_timing,
+            engine=engine,
+            checked_seconds=check_seconds[index],
+            keep_weights=keep_weights,
+        )
+
     if executor is None and workers is None:
-        for index, graph in enumerate(items):
-            arrived(index, _simulate_one(graph, panel, reference_pnls, keep_weights))
+        for index in range(len(items)):
+            arrived(index, simulate_here(index))
     elif executor is None:
         with ThreadPoolExecutor(max_workers=workers, thread_name_prefix="tallowmere-simulate") as pool:
-            _collect(pool, _chunks(len(items), 1), items, panel, reference_pnls, keep_weights, arrived)
+            running = {pool.submit(simulate_here, index): index for index in range(len(items))}
+            try:
+                for future in as_completed(running):
+                    arrived(running[future], future.result())
+            finally:
+                for future in running:
+                    future.cancel()
     else:
+
+        def received(index: int, result: SimulationResult) -> None:
+            if record_timing:
+                result = dataclasses.replace(result, timing=_record(items[index], result))
+            arrived(index, result)
+
         chunk = max(1, min(EXECUTOR_CHUNK_GRAPHS, math.ceil(len(items) / 8)))
-        _collect(executor, _chunks(len(items), chunk), items, panel, reference_pnls, keep_weights, arrived)
+        _collect(executor, _chunks(len(items), chunk), items, panel, reference_pnls, keep_weights, received)
     return cast(list[SimulationResult], results)
 
 
@@ -133,20 +171,17 @@ def _collect(
             future.cancel()
 
 
-def _simulate_one(
-    graph: Graph, panel: MarketPanel | None, reference_pnls: ReferencePnls | None, keep_weights: bool
-) -> SimulationResult:
-    result = simulate_signal(graph, data=panel, reference_pnls=reference_pnls, record_timing=False)
-    if keep_weights:
-        return result
-    return dataclasses.replace(result, weights=_no_weights(result.weights.shape[1]))
-
-
 def _simulate_chunk(
     graphs: list[Graph], panel: MarketPanel | None, reference_pnls: ReferencePnls | None, keep_weights: bool
 ) -> list[SimulationResult]:
     """A task: simulate a few graphs wherever the executor runs it, recording nothing there."""
-    return [_simulate_one(graph, panel, reference_pnls, keep_weights) for graph in graphs]
+    results = []
+    for graph in graphs:
+        result = simulate_signal(graph, data=panel, reference_pnls=reference_pnls, record_timing=False)
+        if not keep_weights:
+            result = dataclasses.replace(result, weights=_no_weights(result.weights.shape[1]))
+        results.append(result)
+    return results
 
 
 def _no_weights(asset_count: int) -> npt.NDArray[np.float64]:

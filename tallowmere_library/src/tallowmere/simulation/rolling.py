@@ -4,26 +4,30 @@ Every kernel looks only at the current row and the rows before it. A window
 of ``w`` rows is complete from row ``w - 1`` on; rows before that, and any
 window holding a missing value (NaN), give NaN.
 
-Sums, means, spreads and correlations are built from dyadic blocks: the
-window's ``w`` rows split into blocks of the sizes of ``w``'s binary digits
-(the largest, oldest block first), and the block of ``2**k`` rows ending on a
-row is the combination of the two blocks of ``2**(k - 1)`` rows it is made
-of. Every row's window is then O(log w) combinations of values that depend
-only on the rows inside the window, so a sum is accurate to a few units in
-the last place of its terms, no matter how long the history before it, and
-nothing drifts. Spreads combine (count, mean, sum of squared deviations) with
-the pairwise update of Chan, Golub and LeVeque, so large levels (prices,
-volumes) lose no precision to cancellation.
+Sums, means, spreads and correlations cut the days into chunks of ``w``
+days, counted from day 0 (``origin`` is the day number of a matrix's first
+row, so that a run of rows evaluated on its own gives the same numbers). The
+window ending on day ``t`` is the end of the previous chunk, from day
+``t - w + 1`` on (its *suffix*), followed by the start of the current chunk
+up to day ``t`` (its *prefix*); on a chunk's last day it is the whole chunk,
+the prefix alone. Prefixes grow forward one day at a time and suffixes
+backward from the chunk's last day, then the suffix (older) and the prefix
+(newer) combine. Every window is thus built from its own days only, in an
+order fixed by the day it ends on: no running total is ever subtracted
+from, so nothing drifts however long the history, and a sum is accurate to
+``w`` units in the last place of its terms' magnitude. Spreads combine
+(count, mean, sum of squared deviations) with the pairwise update of Chan,
+Golub and LeVeque (Welford's update when one side is a single day), so large
+levels (prices, volumes) lose no precision to cancellation.
 
 The compiled engine (``tallowmere._native``) performs exactly the same
 operations day by day, so both give identical numbers. Loops here run over
-block levels or window lags, never over days or assets: each is one
+positions in a chunk or window lags, never over days or assets: each is one
 vectorised pass over the matrix.
 """
 
 from __future__ import annotations
 
-from collections.abc import Callable
 from typing import Any
 
 import numpy as np
@@ -33,7 +37,7 @@ from tallowmere.simulation.market_panel import FloatArray
 
 __all__ = [
     "FLAT_SPREAD_TOLERANCE",
-    "dyadic_blocks",
+    "merge_factors",
     "flat_spread",
     "rolling_corr",
     "rolling_max",
@@ -93,81 +97,38 @@ def _lagged(values: FloatArray, window: int, lag: int) -> FloatArray:
     return values[window - 1 - lag : values.shape[0] - lag]
 
 
-def dyadic_blocks(window: int) -> list[tuple[int, int]]:
-    """The blocks of a window as (level, rows back from its last row), oldest first.
+def _laid_in_chunks(values: FloatArray, window: int, origin: int) -> tuple[FloatArray, int]:
+    """``values`` as chunks × ``window`` rows × assets, chunks starting on multiples of ``window`` days.
 
-    Level ``k`` is a block of ``2**k`` rows; ``dyadic_blocks(13)`` is
-    ``[(3, 5), (2, 1), (0, 0)]``: rows ``t-12..t-5``, ``t-4..t-1`` and ``t``.
+    ``origin`` is the day number of the first row. Returns the chunks and the
+    number of rows put in front of the first row (NaN, like the rows after
+    the last).
     """
-    return [(k, window & ((1 << k) - 1)) for k in range(window.bit_length() - 1, -1, -1) if window >> k & 1]
+    rows, assets = values.shape
+    front = origin % window
+    chunk_count = -(-(front + rows) // window)
+    laid = np.full((chunk_count * window, assets), np.nan)
+    laid[front : front + rows] = values
+    return laid.reshape(chunk_count, window, assets), front
 
 
-Blocks = tuple[FloatArray, ...]
-"""One block statistic per quantity (for example the means and the squared deviations)."""
+def _unlaid(windows: FloatArray, front: int, rows: int, window: int) -> FloatArray:
+    """Per-row results from chunks × positions × assets; rows without a complete window are NaN."""
+    out = windows.reshape(-1, windows.shape[2])[front : front + rows].copy()
+    out[: window - 1] = np.nan
+    return out
 
-Merge = Callable[[Blocks, Blocks, int, int], Blocks]
-"""Combines the statistics of older blocks with those of the newer blocks that follow them,
-given the two blocks' sizes in rows."""
 
+def _combined_windows(whole: FloatArray, combined: FloatArray) -> FloatArray:
+    """Every window of every chunk: ``whole`` (the chunk itself) on its last position, ``combined`` before it.
 
-def _block_levels(first: Blocks, top: int, merge: Merge) -> list[Blocks]:
-    """Levels 0 to ``top``: level ``k`` holds, on every row, the block of the ``2**k`` rows ending there.
-
-    Rows before the first complete block of a level are NaN.
+    ``combined[c - 1, j]`` is the window ending on position ``j`` of chunk
+    ``c``; the first chunk has no window before its last position.
     """
-    levels = [first]
-    rows = first[0].shape[0]
-    for k in range(1, top + 1):
-        half = 1 << (k - 1)
-        older = tuple(part[half - 1 : rows - half] for part in levels[-1])
-        newer = tuple(part[2 * half - 1 :] for part in levels[-1])
-        merged = merge(older, newer, half, half)
-        level = tuple(np.full(part.shape, np.nan) for part in first)
-        for target, value in zip(level, merged, strict=True):
-            target[2 * half - 1 :] = value
-        levels.append(level)
-    return levels
-
-
-def _fold_window(levels: list[Blocks], window: int, merge: Merge) -> Blocks:
-    """The statistics of every complete window (rows ``window - 1`` on), folded oldest block first."""
-    rows = levels[0][0].shape[0]
-    folded: Blocks | None = None
-    count = 0
-    for level, back in dyadic_blocks(window):
-        block = tuple(part[window - 1 - back : rows - back] for part in levels[level])
-        size = 1 << level
-        folded = block if folded is None else merge(folded, block, count, size)
-        count += size
-    assert folded is not None
-    return folded
-
-
-def _merge_sums(older: Blocks, newer: Blocks, older_count: int, newer_count: int) -> Blocks:
-    return (older[0] + newer[0],)
-
-
-def _merge_moments(older: Blocks, newer: Blocks, older_count: int, newer_count: int) -> Blocks:
-    """(mean, squared deviations) of one series; see :func:`merge_factors`."""
-    shift, weight = merge_factors(older_count, newer_count)
-    mean_a, squares_a = older
-    mean_b, squares_b = newer
-    delta = mean_b - mean_a
-    return mean_a + delta * shift, (squares_a + squares_b) + (delta * delta) * weight
-
-
-def _merge_comoments(older: Blocks, newer: Blocks, older_count: int, newer_count: int) -> Blocks:
-    """(mean a, mean b, squared deviations a, squared deviations b, cross products) of two series."""
-    shift, weight = merge_factors(older_count, newer_count)
-    delta_a = newer[0] - older[0]
-    delta_b = newer[1] - older[1]
-    return (
-        older[0] + delta_a * shift,
-        older[1] + delta_b * shift,
-        (older[2] + newer[2]) + (delta_a * delta_a) * weight,
-        (older[3] + newer[3]) + (delta_b * delta_b) * weight,
-        (older[4] + newer[4]) + (delta_a * delta_b) * weight,
-    )
+    windows = np.full((whole.shape[0], combined.shape[1] + 1, whole.shape[1]), np.nan)
+    windows[:, -1] = whole
+    windows[1:, :-1] = combined
+    return windows
 
 
 def merge_factors(older_count: int, newer_count: int) -> tuple[float, float]:
@@ -181,35 +142,105 @@ def merge_factors(older_count: int, newer_count: int) -> tuple[float, float]:
     return newer_count / total, older_count * newer_count / total
 
 
-def _window_statistics(first: Blocks, window: int, merge: Merge) -> Blocks:
-    levels = _block_levels(first, window.bit_length() - 1, merge)
-    return _fold_window(levels, window, merge)
+def _window_factors(window: int) -> tuple[FloatArray, FloatArray]:
+    """The merge factors of a suffix (older) and a prefix (newer) ending on positions 0 .. window - 2."""
+    factors = [merge_factors(window - 1 - j, j + 1) for j in range(window - 1)]
+    shifts = np.array([shift for shift, _ in factors])[np.newaxis, :, np.newaxis]
+    weights = np.array([weight for _, weight in factors])[np.newaxis, :, np.newaxis]
+    return shifts, weights
 
 
-def rolling_sum(values: FloatArray, window: int) -> FloatArray:
-    """Sum over the trailing ``window`` rows, as the sum of the window's dyadic blocks."""
-    out = _empty_like(values)
-    if window > values.shape[0]:
-        return out
-    (sums,) = _window_statistics((values,), window, _merge_sums)
-    out[window - 1 :] = sums
-    return out
+def rolling_sum(values: FloatArray, window: int, origin: int = 0) -> FloatArray:
+    """Sum over the trailing ``window`` rows, as the suffix of the previous chunk plus the prefix of the current one.
+
+    ``origin`` is the day number of the first row (see the module's description).
+    """
+    rows = values.shape[0]
+    if window > rows:
+        return _empty_like(values)
+    chunks, front = _laid_in_chunks(values, window, origin)
+    prefixes = np.cumsum(chunks, axis=1)  # each day adds to the days before it in the chunk
+    suffixes = np.cumsum(chunks[:, ::-1], axis=1)[:, ::-1]  # each day adds to the days after it
+    windows = _combined_windows(prefixes[:, -1], suffixes[:-1, 1:] + prefixes[1:, :-1])
+    return _unlaid(windows, front, rows, window)
 
 
-def rolling_mean(values: FloatArray, window: int) -> FloatArray:
+def rolling_mean(values: FloatArray, window: int, origin: int = 0) -> FloatArray:
     """Mean over the trailing ``window`` rows."""
-    return rolling_sum(values, window) / window
+    return rolling_sum(values, window, origin) / window
 
 
-def rolling_std(values: FloatArray, window: int) -> FloatArray:
+def _moment_parts(chunks: FloatArray, quantities: int) -> tuple[list[FloatArray], list[FloatArray]]:
+    """The prefixes and suffixes of every chunk: moments of one series (``quantities`` 2) or of two (5).
+
+    The chunks hold one series (chunks × window × assets) or, stacked on a
+    first axis, two. Prefixes grow forward by Welford's update (older: the
+    prefix, newer: the day), suffixes backward (older: the day, newer: the
+    suffix after it); a single day's squared deviations and cross products
+    are 0, and adding 0 to the other side's changes nothing, so those
+    additions are left out.
+    """
+    series = [chunks] if quantities == 2 else [chunks[0], chunks[1]]
+    window = series[0].shape[1]
+    prefix = [np.empty_like(series[0]) for _ in range(quantities)]
+    suffix = [np.full_like(series[0], np.nan) for _ in range(quantities)]
+    for target, source in zip((prefix, suffix), (0, window - 1), strict=True):
+        for index, values in enumerate(series):
+            target[index][:, source] = values[:, source]
+        for index in range(len(series), quantities):
+            target[index][:, source] = 0.0
+    for j in range(1, window):
+        shift, weight = merge_factors(j, 1)
+        deltas = [values[:, j] - prefix[index][:, j - 1] for index, values in enumerate(series)]
+        for index, delta in enumerate(deltas):
+            prefix[index][:, j] = prefix[index][:, j - 1] + delta * shift
+        _grow_spreads(prefix, deltas, j, j - 1, weight)
+    for j in range(window - 2, 0, -1):
+        shift, weight = merge_factors(1, window - 1 - j)
+        deltas = [suffix[index][:, j + 1] - values[:, j] for index, values in enumerate(series)]
+        for index, (delta, values) in enumerate(zip(deltas, series, strict=True)):
+            suffix[index][:, j] = values[:, j] + delta * shift
+        _grow_spreads(suffix, deltas, j, j + 1, weight)
+    return prefix, suffix
+
+
+def _grow_spreads(parts: list[FloatArray], deltas: list[FloatArray], to: int, source: int, weight: float) -> None:
+    """Squared deviations (and the cross products) of position ``to`` from those of ``source`` and the deltas."""
+    count = len(deltas)
+    for index, delta in enumerate(deltas):
+        parts[count + index][:, to] = parts[count + index][:, source] + (delta * delta) * weight
+    if count == 2:
+        parts[4][:, to] = parts[4][:, source] + (deltas[0] * deltas[1]) * weight
+
+
+def _merged_window_moments(prefix: list[FloatArray], suffix: list[FloatArray]) -> list[FloatArray]:
+    """The statistics of every window ending before a chunk's last position: the previous chunk's suffix
+    (older) merged with the chunk's prefix (newer)."""
+    window = prefix[0].shape[1]
+    shifts, weights = _window_factors(window)
+    series = 1 if len(prefix) == 2 else 2
+    older = [part[:-1, 1:] for part in suffix]
+    newer = [part[1:, :-1] for part in prefix]
+    deltas = [newer[index] - older[index] for index in range(series)]
+    merged = [older[index] + deltas[index] * shifts for index in range(series)]
+    merged += [(older[series + index] + newer[series + index]) + (delta * delta) * weights for index, delta in enumerate(deltas)]
+    if series == 2:
+        merged.append((older[4] + newer[4]) + (deltas[0] * deltas[1]) * weights)
+    return merged
+
+
+def rolling_std(values: FloatArray, window: int, origin: int = 0) -> FloatArray:
     """Sample standard deviation (``ddof=1``) over the trailing ``window`` rows (``window >= 2``)."""
-    out = _empty_like(values)
-    if window > values.shape[0]:
-        return out
-    means, squares = _window_statistics((values, np.zeros_like(values)), window, _merge_moments)
+    rows = values.shape[0]
+    if window > rows:
+        return _empty_like(values)
+    chunks, front = _laid_in_chunks(values, window, origin)
+    prefix, suffix = _moment_parts(chunks, 2)
+    merged = _merged_window_moments(prefix, suffix)
+    means = _combined_windows(prefix[0][:, -1], merged[0])
+    squares = _combined_windows(prefix[1][:, -1], merged[1])
     squares[flat_spread(squares, means, window)] = 0.0
-    out[window - 1 :] = np.sqrt(squares / (window - 1))
-    return out
+    return _unlaid(np.sqrt(squares / (window - 1)), front, rows, window)
 
 
 def rolling_min(values: FloatArray, window: int) -> FloatArray:
@@ -255,21 +286,23 @@ def rolling_rank(values: FloatArray, window: int) -> FloatArray:
     return out
 
 
-def rolling_corr(left: FloatArray, right: FloatArray, window: int) -> FloatArray:
+def rolling_corr(left: FloatArray, right: FloatArray, window: int, origin: int = 0) -> FloatArray:
     """Pearson correlation of two matrices over the trailing ``window`` rows (``window >= 2``).
 
     A window in which either side is flat (see :data:`FLAT_SPREAD_TOLERANCE`) gives NaN.
     """
-    out = _empty_like(left)
-    if window > left.shape[0]:
-        return out
-    zeros = np.zeros_like(left)
-    left_means, right_means, left_squares, right_squares, cross = _window_statistics(
-        (left, right, zeros, zeros, zeros), window, _merge_comoments
+    rows = left.shape[0]
+    if window > rows:
+        return _empty_like(left)
+    left_chunks, front = _laid_in_chunks(left, window, origin)
+    right_chunks, _ = _laid_in_chunks(right, window, origin)
+    prefix, suffix = _moment_parts(np.stack([left_chunks, right_chunks]), 5)
+    merged = _merged_window_moments(prefix, suffix)
+    left_means, right_means, left_squares, right_squares, cross = (
+        _combined_windows(part[:, -1], window_part) for part, window_part in zip(prefix, merged, strict=True)
     )
     flat = flat_spread(left_squares, left_means, window) | flat_spread(right_squares, right_means, window)
     with np.errstate(divide="ignore", invalid="ignore"):
         correlation = cross / np.sqrt(left_squares * right_squares)
     correlation[flat] = np.nan
-    out[window - 1 :] = np.clip(correlation, -1.0, 1.0)
-    return out
+    return _unlaid(np.clip(correlation, -1.0, 1.0), front, rows, window)

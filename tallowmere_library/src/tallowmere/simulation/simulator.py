@@ -22,22 +22,30 @@ days, and shares each block's time equally among its days.
 from __future__ import annotations
 
 import time
-from collections.abc import Mapping
+from collections.abc import Mapping, Sequence
 from dataclasses import dataclass, field
 from typing import TypedDict
 
+import numpy as np
 import numpy.typing as npt
 
 from tallowmere.simulation.backtest_timing import BacktestTimingRecord, record_backtest_timing
 from tallowmere.simulation.dependence import largest_copula_mutual_information
-from tallowmere.simulation.engines import EVALUATION_BLOCK_DAYS, evaluate_book, resolve_engine
-from tallowmere.simulation.expression import compile_expression
+from tallowmere.simulation.engines import EVALUATION_BLOCK_DAYS, Engine, evaluate_book, resolve_engine
+from tallowmere.simulation.expression import ExpressionNode, compile_expression
 from tallowmere.simulation.market_panel import FloatArray, MarketPanel
-from tallowmere.simulation.reference_pnls import ReferencePnls, prepare_reference_pnls
+from tallowmere.simulation.reference_pnls import ReferencePnl, ReferencePnls, prepare_reference_pnls
 from tallowmere.simulation.signal_statistics import period_statistics
 from tallowmere.simulation.synthetic_market import default_panel
 
-__all__ = ["EVALUATION_BLOCK_DAYS", "SimulationResult", "SubmissionArguments", "resolve_panel", "simulate_signal"]
+__all__ = [
+    "EVALUATION_BLOCK_DAYS",
+    "SimulationResult",
+    "SubmissionArguments",
+    "resolve_panel",
+    "simulate_checked",
+    "simulate_signal",
+]
 
 # perf_counter can return equal readings around a very short step; a timing
 # is never reported below this many seconds.
@@ -158,8 +166,30 @@ def simulate_signal(
     references = prepare_reference_pnls(
         reference_pnls, day_count=panel.day_count, in_sample_days=panel.in_sample_days
     )
+    checked = time.perf_counter() - began
+    return simulate_checked(graph, root, panel, references, record_timing=record_timing, engine=chosen, checked_seconds=checked)
 
-    evaluation = evaluate_book(root, panel, chosen)
+
+def simulate_checked(
+    graph: Mapping[str, object],
+    root: ExpressionNode,
+    panel: MarketPanel,
+    references: Sequence[ReferencePnl],
+    *,
+    record_timing: bool,
+    engine: Engine,
+    checked_seconds: float,
+    keep_weights: bool = True,
+) -> SimulationResult:
+    """Backtest a graph already checked: :func:`simulate_signal` after its checks.
+
+    ``root`` is ``compile_expression(graph)`` for ``panel``'s days,
+    ``references`` the prepared reference PnLs and ``checked_seconds`` the
+    time those checks took, which counts in the backtest's elapsed time.
+    ``keep_weights`` False gives an empty 0 × assets ``weights``.
+    """
+    began = time.perf_counter()
+    evaluation = evaluate_book(root, panel, engine)
     split, days = panel.in_sample_days, panel.day_count
     book = evaluation.book
     pnl = book.pnl
@@ -172,7 +202,7 @@ def simulate_signal(
         [reference.out_of_sample for reference in references if reference.out_of_sample is not None],
     )
     is_pnl_mi = largest_copula_mutual_information(is_pnl, [reference.in_sample for reference in references])
-    backtest_seconds = max(time.perf_counter() - began, _SHORTEST_TIMING)
+    backtest_seconds = max(checked_seconds + (time.perf_counter() - began), _SHORTEST_TIMING)
     max_row_seconds = max(evaluation.max_row_seconds, _SHORTEST_TIMING)
 
     timing: BacktestTimingRecord | None = None
@@ -194,7 +224,13 @@ def simulate_signal(
         pnl=pnl,
         is_pnl=is_pnl,
         os_pnl=os_pnl,
-        weights=evaluation.weights,
+        weights=evaluation.weights if keep_weights else _no_weights(panel.asset_count),
         timing=timing,
         data_contract=panel.contract_projection(),
     )
+
+
+def _no_weights(asset_count: int) -> FloatArray:
+    empty = np.zeros((0, asset_count))
+    empty.setflags(write=False)
+    return empty

@@ -1,232 +1,225 @@
 """The embedded default dataset: a deterministic synthetic market of 300 assets over 756 days.
 
-Daily returns are built from a fixed random generator state as the sum of
+Daily returns are the sum of
 
 - a market factor (each asset with its own beta) and ten sector factors
   (30 assets each): common risk that a cross-sectional book largely nets out;
-- idiosyncratic noise whose scale differs by asset;
+- idiosyncratic noise whose scale differs by asset, with fat tails (a day
+  in 25 brings a shock three times the usual size) and volatility that
+  clusters (a GARCH(1, 1) variance per asset, and one for the market): calm
+  and turbulent spells;
 - a short-term reversal: a share of yesterday's idiosyncratic move is undone
   today, so yesterday's losers tend to beat yesterday's winners;
-- momentum: a slowly wandering drift per asset (a 126-day moving average of
-  noise), which trailing returns over several months reveal;
+- momentum: a slowly wandering drift per asset (a persistent autoregressive
+  process), which trailing returns over several months reveal;
 - a low-volatility premium, a slow characteristic like value: quieter assets
   earn a little more every day;
 - a volume effect: an abnormal-volume shock today predicts a higher return
   tomorrow.
 
 Prices start between 10 and 300 and compound the returns, so they stay
-positive. Opens split each day's move into an overnight and an intraday
-part, highs and lows lie beyond the open and close, vwap is a blend of the
-day's prices (within the day's range), and volume is positive, higher on big
-moves and on abnormal-volume days. Expressions built on these effects are
+positive. Opens take a share of the day's move plus noise, highs and lows lie
+beyond the open and close, vwap is a blend of the day's prices (within the
+day's range), and volume is positive, persistent, and higher on big moves
+and on abnormal-volume days. Expressions built on these effects are
 predictive in and out of sample; expressions unrelated to them, such as
 week-old returns, are not.
 
-Building the panel takes some 50 ms (most of it drawing two million random
-numbers), so the first build on a machine is kept in a cache file, which
-every later process reads in a few milliseconds: see :func:`panel_cache_path`.
+The dataset is the same on every machine: it is drawn from the portable
+generator of :mod:`~tallowmere.simulation.portable_random` with portable
+``exp`` and ``log``, in a fixed order of IEEE operations. The compiled engine
+builds it in a few milliseconds (:func:`build_synthetic_panel`);
+:func:`reference_market_fields` is the plain numpy version of the same
+recipe, operation for operation, which the test suite compares with it.
 """
 
 from __future__ import annotations
 
-import contextlib
-import os
-import tempfile
 from functools import cache
-from pathlib import Path
 
 import numpy as np
 
 from tallowmere.simulation.market_panel import FIELD_NAMES, FloatArray, MarketPanel
+from tallowmere.simulation.portable_random import draws, normals, portable_exp, stream_key, uniforms
 
 __all__ = [
     "ASSET_COUNT",
-    "CACHE_VARIABLE",
     "DATASET_NAME",
     "DAY_COUNT",
     "FREQUENCY",
+    "GENERATOR_KEY",
     "IN_SAMPLE_DAYS",
     "build_synthetic_panel",
     "default_panel",
-    "load_default_panel",
-    "panel_cache_path",
+    "reference_market_fields",
 ]
 
-DATASET_NAME = "tallowmere-synthetic-v1"
+DATASET_NAME = "tallowmere-synthetic-v2"
 ASSET_COUNT = 300
 DAY_COUNT = 756
 IN_SAMPLE_DAYS = 504
 FREQUENCY = "1d"
 
-# The generator key fixes every random draw; changing it (or the order of the
-# draws below) makes a different dataset, which must then get a new name.
-_GENERATOR_KEY = 0x7A11_0E3E
-_SECTOR_COUNT = 10
+GENERATOR_KEY = 0x7A110EB2
+"""Fixes every random draw; changing it (or the recipe) makes a different dataset, which needs a new name."""
+
+# The recipe's numbers. The compiled engine has the same ones
+# (_native/engine/market.inl); the two must change together.
+SECTOR_COUNT = 10
 _MARKET_DRIFT = 0.0003
 _MARKET_VOLATILITY = 0.009
 _SECTOR_VOLATILITY = 0.005
-_IDIOSYNCRATIC_VOLATILITY_RANGE = (0.010, 0.030)
+_GARCH_BASE = 0.02  # 1 - _GARCH_SHOCK - _GARCH_MEMORY: a variance of 1 on average
+_GARCH_SHOCK = 0.1
+_GARCH_MEMORY = 0.88
+_LOG_VOLATILITY_LOW = float.fromhex("-0x1.26bb1bbb55515p+2")  # log 0.01: idiosyncratic volatility from 1% ...
+_LOG_VOLATILITY_SPAN = float.fromhex("0x1.193ea7aad0308p+0")  # log 3: ... to 3% a day
+_VOLATILITY_CENTER = 0.018
+_VOLATILITY_SCALE = 0.006
+_LOG_FIRST_CLOSE_LOW = float.fromhex("0x1.26bb1bbb55516p+1")  # log 10: first closes from 10 ...
+_LOG_FIRST_CLOSE_SPAN = float.fromhex("0x1.b35a6f90bd69ap+1")  # log 30: ... to 300
+_LOG_BASE_VOLUME = float.fromhex("0x1.d046ec97fa33fp+3")  # log 2e6
 _REVERSAL_SHARE = 0.015
-_MOMENTUM_HORIZON = 126
+_DRIFT_PERSISTENCE = 0.99
+_DRIFT_INNOVATION = 0.141  # about sqrt(1 - 0.99**2): a drift of variance 1
 _MOMENTUM_DRIFT_VOLATILITY = 0.0008
-_LOW_VOLATILITY_PREMIUM = 0.0002
+_LOW_VOLATILITY_PREMIUM = 0.0003
 _VOLUME_PREMIUM = 0.02
-_VOLUME_PERSISTENCE_HORIZON = 20
+_VOLUME_PERSISTENCE = 0.9
+_VOLUME_INNOVATION = 0.436  # about sqrt(1 - 0.9**2)
+_LOWEST_RETURN = -0.9
+_JUMP_CHANCE = 0.04
+_JUMP_SCALE = 2.61  # a jump's shock against a calm day's: 3 times, both scaled to a variance of about 1
+_CALM_SCALE = 0.87
+
+# Streams of the generator: what each draw is for.
+_ASSET_DRAWS = 0  # 4 per asset: beta, volatility, first close (uniform), base volume (normal)
+_MARKET_DRAWS = 1  # 1 per day
+_SECTOR_DRAWS = 2  # SECTOR_COUNT per day
+_SHOCK_DRAWS = 3  # the rest 1 per day and asset
+_DRIFT_DRAWS = 4
+_VOLUME_DRAWS = 5
+_OPEN_DRAWS = 6
+_UPPER_WICK_DRAWS = 7
+_LOWER_WICK_DRAWS = 8
+_SHARE_DRAWS = 9
+_BLEND_DRAWS = 10
+_JUMP_DRAWS = 11
 
 
-def _moving_average_noise(noise: FloatArray, horizon: int) -> FloatArray:
-    """Trailing moving averages of ``noise`` over ``horizon`` rows, scaled to unit variance.
+def reference_market_fields(days: int = DAY_COUNT, assets: int = ASSET_COUNT) -> FloatArray:
+    """The recipe in plain numpy: the seven fields (in :data:`FIELD_NAMES` order) as one 7 × days × assets array.
 
-    The result has ``horizon - 1`` rows fewer than ``noise``.
+    Day ``t`` and asset ``i`` take the same draws whatever ``days`` is, so a
+    shorter panel is the start of a longer one (of as many assets).
     """
-    cumulative = np.cumsum(noise, axis=0)
-    sums = cumulative[horizon - 1 :].copy()
-    sums[1:] -= cumulative[: cumulative.shape[0] - horizon]
-    scaled: FloatArray = sums / np.sqrt(horizon)
-    return scaled
+    rows = days + 1  # one extra day in front gives the first day a previous close
+
+    def stream(number: int, count: int) -> FloatArray:
+        return draws(stream_key(GENERATOR_KEY, number), 0, count)
+
+    def daily_normals(number: int) -> FloatArray:
+        return normals(stream(number, rows * assets)).reshape(rows, assets)
+
+    def daily_uniforms(number: int) -> FloatArray:
+        return uniforms(stream(number, rows * assets)).reshape(rows, assets)
+
+    characteristics = stream(_ASSET_DRAWS, 4 * assets).reshape(assets, 4)
+    beta = 0.6 + 0.8 * uniforms(characteristics[:, 0])
+    volatility = portable_exp(_LOG_VOLATILITY_LOW + _LOG_VOLATILITY_SPAN * uniforms(characteristics[:, 1]))
+    quietness = (_VOLATILITY_CENTER - volatility) / _VOLATILITY_SCALE
+    first_close = portable_exp(_LOG_FIRST_CLOSE_LOW + _LOG_FIRST_CLOSE_SPAN * uniforms(characteristics[:, 2]))
+    base_volume = portable_exp(_LOG_BASE_VOLUME + 0.8 * normals(characteristics[:, 3]))
+
+    market_shocks = normals(stream(_MARKET_DRAWS, rows))
+    sectors = _SECTOR_VOLATILITY * normals(stream(_SECTOR_DRAWS, rows * SECTOR_COUNT)).reshape(rows, SECTOR_COUNT)
+    shocks = daily_normals(_SHOCK_DRAWS) * np.where(daily_uniforms(_JUMP_DRAWS) < _JUMP_CHANCE, _JUMP_SCALE, _CALM_SCALE)
+    drift_shocks = daily_normals(_DRIFT_DRAWS)
+    volume_shocks = daily_normals(_VOLUME_DRAWS)
+    open_noise = daily_normals(_OPEN_DRAWS)
+    upper_wicks = daily_normals(_UPPER_WICK_DRAWS)
+    lower_wicks = daily_normals(_LOWER_WICK_DRAWS)
+    shares = 0.2 + 0.3 * daily_uniforms(_SHARE_DRAWS)
+    blends = daily_uniforms(_BLEND_DRAWS)
+    sector_of_asset = np.arange(assets) % SECTOR_COUNT
+
+    # The recursions run day by day, every asset at once.
+    market = np.empty(rows)
+    idiosyncratic = np.empty((rows, assets))
+    drift = np.empty((rows, assets))
+    volume_level = np.empty((rows, assets))
+    market_variance = 1.0
+    variance = np.ones(assets)
+    for t in range(rows):
+        if t == 0:
+            drift[t] = drift_shocks[t]
+            volume_level[t] = volume_shocks[t]
+        else:
+            shock = market_shocks[t - 1]
+            market_variance = (_GARCH_BASE + _GARCH_SHOCK * (shock * shock)) + _GARCH_MEMORY * market_variance
+            variance = (_GARCH_BASE + _GARCH_SHOCK * (shocks[t - 1] * shocks[t - 1])) + _GARCH_MEMORY * variance
+            drift[t] = _DRIFT_PERSISTENCE * drift[t - 1] + _DRIFT_INNOVATION * drift_shocks[t]
+            volume_level[t] = _VOLUME_PERSISTENCE * volume_level[t - 1] + _VOLUME_INNOVATION * volume_shocks[t]
+        market[t] = _MARKET_DRIFT + _MARKET_VOLATILITY * (np.sqrt(market_variance) * market_shocks[t])
+        idiosyncratic[t] = volatility * (np.sqrt(variance) * shocks[t])
+
+    previous_idiosyncratic = np.vstack([np.zeros((1, assets)), idiosyncratic[:-1]])
+    previous_volume_shocks = np.vstack([np.zeros((1, assets)), volume_shocks[:-1]])
+    returns = (
+        (
+            (
+                ((_LOW_VOLATILITY_PREMIUM * quietness + _MOMENTUM_DRIFT_VOLATILITY * drift) + beta * market[:, np.newaxis])
+                + sectors[:, sector_of_asset]
+            )
+            + idiosyncratic
+        )
+        - _REVERSAL_SHARE * previous_idiosyncratic
+    ) + _VOLUME_PREMIUM * (volatility * previous_volume_shocks)
+    moves = np.maximum(returns, _LOWEST_RETURN)
+    growth = 1.0 + moves
+    closes = np.empty((rows, assets))
+    close = first_close
+    for t in range(rows):
+        close = close * growth[t]
+        closes[t] = close
+    previous_closes = np.vstack([first_close[np.newaxis, :], closes[:-1]])
+
+    opens = previous_closes * ((1.0 + shares * moves) + 0.25 * (volatility * open_noise))
+    highs = np.maximum(opens, closes) * (1.0 + 0.4 * (volatility * np.abs(upper_wicks)))
+    lows = np.minimum(opens, closes) / (1.0 + 0.4 * (volatility * np.abs(lower_wicks)))
+    blended = blends * ((highs + lows + closes) / 3.0) + (1.0 - blends) * ((opens + closes) / 2.0)
+    vwaps = np.minimum(np.maximum(blended, lows), highs)  # a blend of the day's prices; the bounds absorb rounding
+    volumes = base_volume * portable_exp((0.5 * volume_level + 0.35 * volume_shocks) + 0.3 * (np.abs(shocks) - 0.8))
+    day_returns = closes / previous_closes - 1.0
+
+    fields = {
+        "open": opens,
+        "high": highs,
+        "low": lows,
+        "close": closes,
+        "volume": volumes,
+        "returns": day_returns,
+        "vwap": vwaps,
+    }
+    return np.stack([fields[name][1:] for name in FIELD_NAMES])
+
+
+def _panel_of(fields: FloatArray) -> MarketPanel:
+    return MarketPanel._from_checked_fields(
+        fields, in_sample_days=IN_SAMPLE_DAYS, frequency=FREQUENCY, name=DATASET_NAME
+    )
 
 
 def build_synthetic_panel() -> MarketPanel:
-    """Build the default dataset from scratch (use :func:`default_panel` for the cached copy)."""
-    rng = np.random.default_rng(_GENERATOR_KEY)
-    days = DAY_COUNT + 1  # one extra day in front gives the first day a previous close
-    assets = ASSET_COUNT
+    """Build the default dataset with the compiled engine (use :func:`default_panel` for the process's copy)."""
+    from tallowmere import _native
 
-    sector = np.arange(assets) % _SECTOR_COUNT
-    beta = rng.uniform(0.6, 1.4, assets)
-    low, high = _IDIOSYNCRATIC_VOLATILITY_RANGE
-    volatility = np.exp(rng.uniform(np.log(low), np.log(high), assets))
-    quietness = -(volatility - volatility.mean()) / volatility.std()
-    first_close = np.exp(rng.uniform(np.log(10.0), np.log(300.0), assets))
-    base_volume = np.exp(rng.normal(np.log(2e6), 0.8, assets))
-
-    market = rng.normal(_MARKET_DRIFT, _MARKET_VOLATILITY, days)
-    sectors = rng.normal(0.0, _SECTOR_VOLATILITY, (days, _SECTOR_COUNT))
-    shocks = rng.standard_normal((days, assets))
-    drift_noise = rng.standard_normal((days + _MOMENTUM_HORIZON - 1, assets))
-    volume_shocks = rng.standard_normal((days, assets))
-    volume_level_noise = rng.standard_normal((days + _VOLUME_PERSISTENCE_HORIZON - 1, assets))
-
-    idiosyncratic = shocks * volatility
-    previous_idiosyncratic = np.vstack([np.zeros((1, assets)), idiosyncratic[:-1]])
-    previous_volume_shocks = np.vstack([np.zeros((1, assets)), volume_shocks[:-1]])
-    drift = _MOMENTUM_DRIFT_VOLATILITY * _moving_average_noise(drift_noise, _MOMENTUM_HORIZON)
-
-    returns = (
-        _LOW_VOLATILITY_PREMIUM * quietness
-        + drift
-        + beta * market[:, np.newaxis]
-        + sectors[:, sector]
-        + idiosyncratic
-        - _REVERSAL_SHARE * previous_idiosyncratic
-        + _VOLUME_PREMIUM * volatility * previous_volume_shocks
-    )
-    closes = first_close * np.cumprod(1.0 + np.maximum(returns, -0.9), axis=0)
-    previous_closes = np.vstack([first_close[np.newaxis, :], closes[:-1]])
-
-    day_moves = np.log(closes / previous_closes)
-    overnight_share = rng.uniform(0.2, 0.5, (days, assets))
-    overnight_noise = rng.normal(0.0, 1.0, (days, assets)) * (0.25 * volatility)
-    opens = previous_closes * np.exp(overnight_share * day_moves + overnight_noise)
-    upper_wick = np.abs(rng.standard_normal((days, assets))) * (0.4 * volatility)
-    lower_wick = np.abs(rng.standard_normal((days, assets))) * (0.4 * volatility)
-    highs = np.maximum(opens, closes) * np.exp(upper_wick)
-    lows = np.minimum(opens, closes) * np.exp(-lower_wick)
-    blend = rng.uniform(0.0, 1.0, (days, assets))
-    blended = blend * (highs + lows + closes) / 3.0 + (1.0 - blend) * (opens + closes) / 2.0
-    vwaps = np.clip(blended, lows, highs)  # a blend of the day's prices; the clip only absorbs rounding
-
-    volume_level = _moving_average_noise(volume_level_noise, _VOLUME_PERSISTENCE_HORIZON)
-    volumes = base_volume * np.exp(0.5 * volume_level + 0.35 * volume_shocks + 0.3 * (np.abs(shocks) - 0.8))
-
-    observed = slice(1, None)
-    return MarketPanel(
-        open=opens[observed],
-        high=highs[observed],
-        low=lows[observed],
-        close=closes[observed],
-        volume=volumes[observed],
-        returns=closes[observed] / previous_closes[observed] - 1.0,
-        vwap=vwaps[observed],
-        in_sample_days=IN_SAMPLE_DAYS,
-        frequency=FREQUENCY,
-        name=DATASET_NAME,
-    )
-
-
-CACHE_VARIABLE = "TALLOWMERE_CACHE_DIR"
-"""The directory of the default panel's cache file; set to an empty value to keep no file."""
-
-# Bumped when the file's layout changes.
-_CACHE_LAYOUT = 1
-
-
-def panel_cache_path() -> Path | None:
-    """Where the default panel's cache file lives, or None when caching is turned off.
-
-    The directory is :data:`CACHE_VARIABLE` if set (empty: no cache), else
-    ``$XDG_CACHE_HOME/tallowmere``, else ``~/.cache/tallowmere``. The file
-    name holds the dataset's name and numpy's version, whose generator draws
-    the numbers: another numpy builds and keeps a file of its own.
-    """
-    configured = os.environ.get(CACHE_VARIABLE)
-    if configured is not None:
-        if not configured.strip():
-            return None
-        directory = Path(configured)
-    else:
-        base = os.environ.get("XDG_CACHE_HOME") or str(Path.home() / ".cache")
-        directory = Path(base) / "tallowmere"
-    return directory / f"{DATASET_NAME}-numpy{np.__version__}-layout{_CACHE_LAYOUT}.npy"
-
-
-def _read_cached_panel(path: Path) -> MarketPanel | None:
-    try:
-        fields = np.load(path, mmap_mode="r", allow_pickle=False)
-    except (OSError, ValueError):
-        return None
-    if fields.shape != (len(FIELD_NAMES), DAY_COUNT, ASSET_COUNT) or fields.dtype != np.float64:
-        return None
-    matrices = dict(zip(FIELD_NAMES, fields, strict=True))
-    try:
-        return MarketPanel(**matrices, in_sample_days=IN_SAMPLE_DAYS, frequency=FREQUENCY, name=DATASET_NAME)
-    except ValueError:  # a damaged file (an infinity where none can be)
-        return None
-
-
-def _write_cached_panel(panel: MarketPanel, path: Path) -> None:
-    """Keep the panel for later processes; a cache that cannot be written is simply not kept."""
-    try:
-        path.parent.mkdir(parents=True, exist_ok=True)
-        descriptor, temporary = tempfile.mkstemp(dir=path.parent, prefix=".panel-", suffix=".npy")
-    except OSError:
-        return
-    try:
-        with os.fdopen(descriptor, "wb") as handle:
-            np.save(handle, np.stack([panel.field(name) for name in FIELD_NAMES]), allow_pickle=False)
-        os.replace(temporary, path)  # readers see the old file or the whole new one
-    except OSError:
-        with contextlib.suppress(OSError):
-            os.unlink(temporary)
-
-
-def load_default_panel() -> MarketPanel:
-    """Read the default dataset from its cache file, or build it and write the file.
-
-    Use :func:`default_panel`, which does this once per process.
-    """
-    path = panel_cache_path()
-    if path is not None:
-        cached = _read_cached_panel(path)
-        if cached is not None:
-            return cached
-    panel = build_synthetic_panel()
-    if path is not None:
-        _write_cached_panel(panel, path)
-    return panel
+    fields = np.empty((len(FIELD_NAMES), DAY_COUNT, ASSET_COUNT))
+    _native.synthetic_market(fields)
+    return _panel_of(fields)
 
 
 @cache
 def default_panel() -> MarketPanel:
-    """Return the default dataset, loaded once per process (its arrays are read-only)."""
-    return load_default_panel()
+    """Return the default dataset, built once per process (its arrays are read-only)."""
+    return build_synthetic_panel()

@@ -1,9 +1,11 @@
-// The simulation engine's entry point: tallowmere._native.evaluate_program.
+// The simulation engine's entry points: tallowmere._native.evaluate_program
+// and tallowmere._native.synthetic_market.
 //
 // It checks the program and the arrays with the GIL held, then releases the
 // GIL and evaluates the program over the panel day by day (evaluator.inl):
 // nothing in that loop touches a Python object, so threads run side by side.
 // Arrays are read and written in place through the buffer protocol.
+#include "_native/engine/market.hpp"
 #include "_native/engine/plan.hpp"
 #include "_native/native_state.hpp"
 #include "core/classes.hpp"
@@ -13,6 +15,7 @@
 #include <cmath>
 #include <cstring>
 #include <exception>
+#include <limits>
 #include <new>
 #include <string>
 
@@ -44,24 +47,27 @@ public:
         if (held_) PyBuffer_Release(&view_);
     }
 
-    // Takes a C-contiguous 2-D float64 buffer of `object`; `label` names it in errors.
-    void take(const Ref& object, const std::string& label, bool writable) {
+    // Takes a C-contiguous float64 buffer of `object` with `dimensions`
+    // dimensions; `label` names it in errors.
+    void take(const Ref& object, const std::string& label, bool writable, int dimensions = 2) {
+        const std::string kind = "C-contiguous " + std::to_string(dimensions) + "-D float64 array";
         int flags = PyBUF_C_CONTIGUOUS | PyBUF_FORMAT | (writable ? PyBUF_WRITABLE : 0);
         if (PyObject_GetBuffer(object.get(), &view_, flags) < 0) {
             Ref cause = Ref::steal(PyErr_GetRaisedException());
-            std::string message = label + " must be a " + (writable ? "writable " : "") +
-                                  "C-contiguous 2-D float64 array";
+            std::string message = label + " must be a " + (writable ? "writable " : "") + kind;
             raise_from(PyExc_ValueError, message.c_str(), cause);
         }
         held_ = true;
         const char* format = view_.format == nullptr ? "B" : view_.format;
         bool float64 = view_.itemsize == 8 && (std::strcmp(format, "d") == 0 || std::strcmp(format, "<d") == 0 ||
                                                std::strcmp(format, "=d") == 0 || std::strcmp(format, "@d") == 0);
-        if (!float64 || view_.ndim != 2) {
-            std::string message = label + " must be a C-contiguous 2-D float64 array";
+        if (!float64 || view_.ndim != dimensions) {
+            std::string message = label + " must be a " + kind;
             raise_value_error(message.c_str());
         }
     }
+
+    Py_ssize_t extent(int dimension) const { return view_.shape[dimension]; }
 
     Py_ssize_t rows() const { return view_.shape[0]; }
     Py_ssize_t columns() const { return view_.shape[1]; }
@@ -233,6 +239,43 @@ Ref evaluate_program(const Module&, const Ref& program, const Ref& fields, const
     return new_tuple({floating(timing.expression_seconds), floating(timing.max_row_seconds)});
 }
 
+constexpr const char synthetic_market_doc[] =
+    "Generate the default dataset of tallowmere.simulation.synthetic_market into fields, without the GIL.\n\n"
+    "fields: a writable C-contiguous float64 array of shape (7, days, assets) receiving open, high, low,\n"
+    "close, volume, returns and vwap. The recipe and every bit equal reference_market_fields(days, assets).\n"
+    "generic: run the build for any processor instead of the vectorised one (both give identical numbers).";
+
+Ref synthetic_market(const Module&, const Ref& fields, const Ref& generic) {
+    const bool any_processor = truthy(generic);
+    HeldBuffer buffer;
+    buffer.take(fields, "fields", true, 3);
+    const Py_ssize_t days = buffer.extent(1), assets = buffer.extent(2);
+    if (buffer.extent(0) != 7 || days < 1 || assets < 1 || assets > std::numeric_limits<int>::max() / 8) {
+        std::string message = "fields must have shape (7, days, assets) with at least one day and one asset, got (" +
+                              std::to_string(buffer.extent(0)) + ", " + std::to_string(days) + ", " +
+                              std::to_string(assets) + ")";
+        raise_value_error(message.c_str());
+    }
+    bool out_of_memory = false;
+    {
+        WithoutGil released;
+        try {
+            engine::generate_market(buffer.data(), static_cast<long>(days), static_cast<int>(assets), any_processor);
+        } catch (const std::bad_alloc&) {
+            out_of_memory = true;
+        }
+    }
+    if (out_of_memory) {
+        PyErr_NoMemory();
+        propagate();
+    }
+    return Ref(none());
+}
+
+constexpr auto synthetic_market_signature =
+    signature("synthetic_market", Binding::module_function, synthetic_market_doc, param("fields"),
+              keyword_only("generic", none_default));
+
 constexpr auto evaluate_program_signature =
     signature("evaluate_program", Binding::module_function, evaluate_program_doc, param("program"), param("fields"),
               keyword_only("values", none_default), keyword_only("weights", none_default),
@@ -241,6 +284,9 @@ constexpr auto evaluate_program_signature =
 
 }  // namespace
 
-void bind_engine(PyObject* module) { add_function(module, member<evaluate_program_signature, evaluate_program>()); }
+void bind_engine(PyObject* module) {
+    add_function(module, member<evaluate_program_signature, evaluate_program>());
+    add_function(module, member<synthetic_market_signature, synthetic_market>());
+}
 
 }  // namespace tallowmere::native

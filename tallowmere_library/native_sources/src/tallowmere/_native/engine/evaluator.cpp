@@ -11,7 +11,7 @@ std::unique_ptr<Prepared> prepare_generic(const Run& run) { return generic::prep
 
 std::unique_ptr<Prepared> prepare(const Run& run, bool generic) {
 #if defined(TALLOWMERE_ENGINE_AVX2)
-    if (!generic && __builtin_cpu_supports("avx2")) return prepare_avx2(run);
+    if (!generic && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi2")) return prepare_avx2(run);
 #else
     (void)generic;
 #endif

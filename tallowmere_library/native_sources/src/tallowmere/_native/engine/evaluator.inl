@@ -6,23 +6,27 @@
 // reference in tallowmere.simulation (rolling.py, cross_section.py,
 // portfolio.py), so both give identical numbers, ties and missing values:
 //
-// - window sums are pairwise: a window of w rows is split into the dyadic
-//   blocks of w's binary digits (largest and oldest first), each block the sum
-//   of two half blocks, kept from day to day; no running total is ever
-//   subtracted from, so nothing drifts;
-// - window means and spreads combine (count, mean, sum of squared deviations)
-//   of the same blocks with the pairwise update of Chan, Golub and LeVeque,
-//   so large levels (prices, volumes) lose nothing to cancellation;
+// - window sums, means, spreads and correlations cut the days into chunks of
+//   `window` days counted from day 0: a window is the end of the previous
+//   chunk (its suffix, built backward from the chunk's last day when that
+//   chunk ended) followed by the start of the current chunk (its prefix, grown
+//   forward by one day every day). Both parts come only from the window's own
+//   days, and no running total is ever subtracted from, so nothing drifts;
+// - means and spreads combine (count, mean, sum of squared deviations) with
+//   the pairwise update of Chan, Golub and LeVeque (Welford's update when one
+//   side is a single day), so large levels (prices, volumes) lose nothing to
+//   cancellation;
 // - window minima and maxima combine power-of-two blocks (two overlapping
 //   blocks cover any window);
 // - sums across assets add every eighth asset into one of eight lanes, then
 //   the lanes pairwise.
 //
-// Every day costs O(assets) per node (O(assets · log window) for windows),
-// except ts_rank, which compares today's value with each earlier day of its
-// window (O(assets · window), four assets per instruction): that beats
-// keeping each asset's window sorted, whose searches the processor cannot
-// predict.
+// Every day costs O(assets) per node, except that a chunk's last day also
+// builds the chunk's suffix (window - 2 steps), minima and maxima cost
+// O(assets · log window), and ts_rank compares today's value with each
+// earlier day of its window (O(assets · window), four assets per
+// instruction): that beats keeping each asset's window sorted, whose
+// searches the processor cannot predict.
 
 inline constexpr double flat_spread_tolerance = 1e-10;
 inline constexpr double dispersion_tolerance = 1e-9;
@@ -85,6 +89,11 @@ inline double lane_sum(int n, Value value) {
     return ((acc[0] + acc[1]) + (acc[2] + acc[3])) + ((acc[4] + acc[5]) + (acc[6] + acc[7]));
 }
 
+// The eight lanes of a sum, combined pairwise.
+inline double combined_lanes(const double* a) {
+    return ((a[0] + a[1]) + (a[2] + a[3])) + ((a[4] + a[5]) + (a[6] + a[7]));
+}
+
 template <class Value>
 inline int count_if(int n, Value present) {
     int count = 0;
@@ -99,60 +108,95 @@ inline int count_if(int n, Value present) {
 //
 // Values are spread over buckets by their distance from the day's lowest
 // value. The map never decreases, so each bucket holds a run of the sorted
-// order: a value's rank is the count of the values in the buckets below it
-// plus its place among its bucket's members (eight compared in one step).
+// order: a value's position is the count of the values in the buckets below
+// its own plus its place among its bucket's members.
+//
+// The fast way uses about 2n buckets of eight slots, each slot a member
+// rounded to single precision, so that a bucket is one vector: a value's
+// place is the count of its bucket's members below it, all compared in one
+// step. Rounding keeps the order but can make close neighbours equal, just
+// as ties are equal; either gives two values the same position, and then the
+// positions add up to less than 0 + 1 + ... + (m - 1) for m present values.
+// A day for which they do not add up, or that crowds more than eight values
+// into a bucket, takes the exact way: n buckets laid out one after another in
+// double precision, crowded ones sorted and searched, ties averaged.
 class Ranker {
 public:
     explicit Ranker(int n)
         : n_(n),
           buckets_(n),
-          slotted_buckets_(2 * n),
-          slots_(allocate(static_cast<std::size_t>(2 * n + 1) * rank_slots)),
-          count_(2 * static_cast<std::size_t>(n) + 2),
-          below_(2 * static_cast<std::size_t>(n) + 2),
+          slotted_buckets_(slotted_bucket_count(n)),
+          single_(static_cast<std::size_t>(n) + 4),
+          slots_(static_cast<std::size_t>(slotted_buckets_ + 1) * rank_slots + static_cast<std::size_t>(n)),
+          count_(static_cast<std::size_t>(slotted_buckets_) + 1),
+          below_(static_cast<std::size_t>(slotted_buckets_) + 2),
           bucket_(static_cast<std::size_t>(n) + 4),
           place_(static_cast<std::size_t>(n) + 4),
           start_(static_cast<std::size_t>(n) + 2),
           members_(static_cast<std::size_t>(n) + rank_slots),
           table_(2 * static_cast<std::size_t>(n) + 1),
-          pairs_(static_cast<std::size_t>(n)) {
-        // Slots past a bucket's members are read and ignored; give them a value once.
-        std::fill(slots_.get(), slots_.get() + static_cast<std::size_t>(2 * n + 1) * rank_slots, 0.0);
-    }
+          single_positions_(static_cast<std::size_t>(n) + 1),
+          pairs_(static_cast<std::size_t>(n)) {}
 
     void rank(const double* x, double* out);
 
 private:
+    // The fast way's buckets: at least 2n, and one less than a multiple of
+    // eight, so that with the missing values' bucket they fill whole vectors.
+    static int slotted_bucket_count(int n) { return (2 * n + 1 + 7) / 8 * 8 - 1; }
+
     void build_table(int present);
     void rank_by_sorting(const double* x, double* out);
     void assign_buckets(const double* x, double lo, double scale, int buckets);
-    bool rank_in_slots(const double* x, double lo, double span, double* out);
+    bool rank_in_slots(double* out);
     void rank_in_runs(const double* x, double lo, double span, double* out);
 
     int n_;
-    int buckets_;  // missing values go to the extra bucket `buckets_`
-    // The fast way: 2n buckets of eight slots each (a cache line), filled in
-    // one pass; a day that crowds more than eight values into a bucket takes
-    // the general way instead.
-    int slotted_buckets_;
-    Storage slots_;
+    int buckets_;          // the exact way; missing values go to the extra bucket `buckets_`
+    int slotted_buckets_;  // the fast way; its missing values' bucket is `slotted_buckets_`
+    std::vector<float> single_;  // the day's values in single precision
+    // rank_slots slots per bucket; a crowded bucket spills into the next ones
+    // (and the day takes the exact way), the missing values' bucket past the end.
+    std::vector<float> slots_;
     std::vector<int> count_;
     std::vector<int> below_;
     std::vector<int> bucket_;
     std::vector<int> place_;  // a value's place among its bucket's members, in arrival order
     std::vector<int> start_;
     std::vector<double> members_;
+    // table_[k] = k / (2 (m - 1)) for k <= 2 (m - 1), missing after;
+    // single_positions_[p] = table_[2 p], the rank of an untied position.
     std::vector<double> table_;
+    std::vector<double> single_positions_;
     int table_present_ = -1;
     std::vector<std::pair<double, int>> pairs_;
 };
 
-// table_[k] = k / (2 (m - 1)): the rank of a tie group whose first and last
-// positions add up to k, exactly as the reference divides.
+// A value rounded to single precision. Any map that never decreases serves
+// the fast rank, but all of a day's values must take the same one: the
+// vectorised build rounds its last few values as it rounds the others
+// (beyond the single range to an infinity), the build for any processor
+// stops at the largest single.
+inline float to_single(double x) {
+#if defined(TALLOWMERE_ENGINE_AVX2_CODE)
+    return _mm_cvtss_f32(_mm_cvtsd_ss(_mm_setzero_ps(), _mm_set_sd(x)));
+#else
+    constexpr double largest = std::numeric_limits<float>::max();
+    if (x != x) return std::numeric_limits<float>::quiet_NaN();
+    return static_cast<float>(x > largest ? largest : (x < -largest ? -largest : x));
+#endif
+}
+
+// The rank of a tie group whose first and last positions add up to k is
+// table_[k], exactly as the reference divides; positions past the present
+// values (the missing values') read a missing value.
 inline void Ranker::build_table(int present) {
     if (present == table_present_) return;
-    double denominator = 2.0 * static_cast<double>(present - 1);
-    for (int k = 0; k <= 2 * (present - 1); ++k) table_[static_cast<std::size_t>(k)] = static_cast<double>(k) / denominator;
+    const double denominator = 2.0 * static_cast<double>(present - 1);
+    const std::size_t last = 2 * static_cast<std::size_t>(present - 1);
+    for (std::size_t k = 0; k <= last; ++k) table_[k] = static_cast<double>(k) / denominator;
+    std::fill(table_.begin() + static_cast<std::ptrdiff_t>(last) + 1, table_.end(), missing());
+    for (std::size_t p = 0; p < single_positions_.size(); ++p) single_positions_[p] = table_[2 * p];
     table_present_ = present;
 }
 
@@ -200,6 +244,7 @@ inline void Ranker::assign_buckets(const double* x, double lo, double scale, int
 
 inline void Ranker::rank(const double* x, double* out) {
     const int n = n_;
+    float* single = single_.data();
     double lo = std::numeric_limits<double>::infinity(), hi = -lo;
     int i = 0;
 #if defined(TALLOWMERE_ENGINE_AVX2_CODE)
@@ -209,6 +254,7 @@ inline void Ranker::rank(const double* x, double* out) {
             __m256d v = _mm256_loadu_pd(x + i);
             low = _mm256_min_pd(v, low);  // a missing value loses every comparison
             high = _mm256_max_pd(v, high);
+            _mm_storeu_ps(single + i, _mm256_cvtpd_ps(v));
         }
         alignas(32) double lows[4], highs[4];
         _mm256_store_pd(lows, low);
@@ -222,91 +268,107 @@ inline void Ranker::rank(const double* x, double* out) {
     for (; i < n; ++i) {
         lo = x[i] < lo ? x[i] : lo;  // a missing value compares false and is skipped
         hi = x[i] > hi ? x[i] : hi;
+        single[i] = to_single(x[i]);
     }
     if (!(lo <= hi)) {  // no present value
         for (int k = 0; k < n; ++k) out[k] = missing();
         return;
     }
     const double span = hi - lo;
-    if (!(span - span == 0.0)) {  // values too far apart to bucket (an infinity among them)
-        rank_by_sorting(x, out);
-        return;
-    }
     if (span == 0.0) {  // one value: every present value ranks in the middle
         for (int k = 0; k < n; ++k) out[k] = x[k] == x[k] ? 0.5 : missing();
         return;
     }
-    if (!rank_in_slots(x, lo, span, out)) rank_in_runs(x, lo, span, out);
+    // Values too far apart to bucket (an infinity among them), or so close
+    // that the bucket map would overflow, are sorted.
+    const double scale = static_cast<double>(slotted_buckets_ - 1) / span;
+    if (!(span - span == 0.0) || !(scale - scale == 0.0)) {
+        rank_by_sorting(x, out);
+        return;
+    }
+    assign_buckets(x, lo, scale, slotted_buckets_);
+    if (!rank_in_slots(out)) rank_in_runs(x, lo, span, out);
 }
 
-// A value's rank: the values in the buckets below its own, plus its place
-// among its bucket's members (at most eight, compared in one step).
-inline bool Ranker::rank_in_slots(const double* x, double lo, double span, double* out) {
+// The fast way; false when the day must take the exact way (`out` is then
+// left half written).
+inline bool Ranker::rank_in_slots(double* out) {
     const int n = n_;
     const int buckets = slotted_buckets_;
-    assign_buckets(x, lo, static_cast<double>(buckets - 1) / span, buckets);
     const int* bucket = bucket_.data();
+    const float* single = single_.data();
     int* count = count_.data();
-    double* slots = slots_.get();
+    float* slots = slots_.data();
     std::fill(count, count + buckets + 1, 0);
-    int crowded = 0;
+#pragma GCC unroll 4
     for (int k = 0; k < n; ++k) {
-        const int b = bucket[k];
-        const int members = count[b];
-        slots[b * rank_slots + (members & (rank_slots - 1))] = x[k];
-        count[b] = members + 1;
-        crowded |= members >= rank_slots ? 1 : 0;
+        const auto b = static_cast<unsigned>(bucket[k]);
+        const auto members = static_cast<unsigned>(count[b]);
+        slots[b * rank_slots + members] = single[k];  // a crowded bucket spills over: see below
+        count[b] = static_cast<int>(members + 1);
     }
-    if (crowded) return false;
+    count[buckets] = 0;  // the missing values compare below nothing and take the position m
+    // below[b + 1] = count[0] + ... + count[b]; the most crowded bucket on the way
     int* below = below_.data();
-    int present = 0;
-    for (int b = 0; b < buckets; ++b) {
-        below[b] = present;
-        present += count[b];
+    below[0] = 0;
+    int largest = 0;
+    int b = 0;
+#if defined(TALLOWMERE_ENGINE_AVX2_CODE)
+    {
+        __m256i carry = _mm256_setzero_si256(), most = _mm256_setzero_si256();
+        const __m256i last_lane = _mm256_set1_epi32(7);
+        for (; b + 8 <= buckets + 1; b += 8) {
+            const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(count + b));
+            most = _mm256_max_epi32(most, c);
+            __m256i v = _mm256_add_epi32(c, _mm256_slli_si256(c, 4));
+            v = _mm256_add_epi32(v, _mm256_slli_si256(v, 8));
+            const __m256i low_half = _mm256_shuffle_epi32(_mm256_permute2x128_si256(v, v, 0x08), 0xFF);
+            v = _mm256_add_epi32(v, low_half);  // the prefix within these eight buckets
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(below + b + 1), _mm256_add_epi32(v, carry));
+            carry = _mm256_add_epi32(carry, _mm256_permutevar8x32_epi32(v, last_lane));  // a short chain
+        }
+        alignas(32) int lanes_most[8];
+        _mm256_store_si256(reinterpret_cast<__m256i*>(lanes_most), most);
+        for (int j = 0; j < 8; ++j) largest = lanes_most[j] > largest ? lanes_most[j] : largest;
     }
+#endif
+    for (; b <= buckets; ++b) {
+        largest = count[b] > largest ? count[b] : largest;
+        below[b + 1] = below[b] + count[b];
+    }
+    if (largest > rank_slots) return false;
+    const int present = below[buckets];
     if (present == 1) {
         for (int k = 0; k < n; ++k) out[k] = bucket[k] < buckets ? 0.5 : missing();
         return true;
     }
     build_table(present);
-    const double* table = table_.data();
+    const double* table = single_positions_.data();
+    std::int64_t positions = 0;
+#pragma GCC unroll 4
     for (int k = 0; k < n; ++k) {
-        const int b = bucket[k];
-        if (b == buckets) {
-            out[k] = missing();
-            continue;
-        }
-        const double* members = slots + b * rank_slots;
-        const int size = count[b];
-        int less, equal;
+        const auto kb = static_cast<unsigned>(bucket[k]);
+        const float* members = slots + kb * rank_slots;
+        const auto size = static_cast<unsigned>(count[kb]);
+        unsigned less;
 #if defined(TALLOWMERE_ENGINE_AVX2_CODE)
-        const __m256d value = _mm256_set1_pd(x[k]);
-        const __m256d low = _mm256_load_pd(members), high = _mm256_load_pd(members + 4);
-        const unsigned mask = (1u << size) - 1;
-        const unsigned smaller = static_cast<unsigned>(_mm256_movemask_pd(_mm256_cmp_pd(low, value, _CMP_LT_OQ)) |
-                                                       (_mm256_movemask_pd(_mm256_cmp_pd(high, value, _CMP_LT_OQ)) << 4));
-        const unsigned same = static_cast<unsigned>(_mm256_movemask_pd(_mm256_cmp_pd(low, value, _CMP_EQ_OQ)) |
-                                                    (_mm256_movemask_pd(_mm256_cmp_pd(high, value, _CMP_EQ_OQ)) << 4));
-        less = __builtin_popcount(smaller & mask);
-        equal = __builtin_popcount(same & mask);
+        const auto smaller = static_cast<unsigned>(
+            _mm256_movemask_ps(_mm256_cmp_ps(_mm256_loadu_ps(members), _mm256_broadcast_ss(single + k), _CMP_LT_OQ)));
+        less = static_cast<unsigned>(__builtin_popcount(_bzhi_u32(smaller, size)));
 #else
         less = 0;
-        equal = 0;
-        for (int q = 0; q < rank_slots; ++q) {
-            int inside = q < size ? 1 : 0;
-            less += inside & (members[q] < x[k] ? 1 : 0);
-            equal += inside & (members[q] == x[k] ? 1 : 0);
-        }
+        for (unsigned q = 0; q < rank_slots; ++q) less += (q < size) & (members[q] < single[k]);
 #endif
-        // the tie group runs from position below + less to below + less + equal - 1
-        out[k] = table[2 * (below[b] + less) + equal - 1];
+        const unsigned position = static_cast<unsigned>(below[kb]) + less;
+        positions += position;
+        out[k] = table[position];
     }
-    return true;
+    const std::int64_t m = present;
+    return positions == m * (m - 1) / 2 + static_cast<std::int64_t>(n - present) * m;
 }
 
-// The general way, for days that crowd a bucket (many ties, or a far
-// outlier): n buckets laid out one after another, crowded ones sorted and
-// searched.
+// The exact way, for days the fast way cannot rank: n buckets laid out one
+// after another, crowded ones sorted and searched, ties averaged.
 inline void Ranker::rank_in_runs(const double* x, double lo, double span, double* out) {
     const int n = n_;
     const int buckets = buckets_;
@@ -390,11 +452,18 @@ struct NodeState {
     Node node;
     Rows out;           // where this node's rows are read by its parents
     Storage own;        // this node's own rows (absent for field nodes)
-    int levels = 0;     // K = floor(log2(window)) for the block operators
-    // Dyadic blocks of the window, oldest first: (level, rows back from today).
-    std::vector<std::pair<int, long>> blocks;
-    // Block rows per quantity and level (index 0 unused: level 0 is the argument).
-    std::vector<std::vector<Rows>> block_rows;
+    // Sums, moments, comoments: the current chunk's prefix (one row per
+    // quantity) and the previous chunk's suffixes (`window` rows per quantity;
+    // row i holds the days from the chunk's day i to its end).
+    int quantities = 0;
+    Storage prefix;
+    Storage suffix;
+    // Minima and maxima: K = floor(log2(window)) levels of power-of-two
+    // blocks (index 0 unused: level 0 is the argument) and the two blocks of
+    // level K that cover the window, as rows back from today.
+    int levels = 0;
+    long cover[2] = {0, 0};
+    std::vector<Rows> block_rows;
     std::vector<Storage> block_storage;
     // ts_rank: whether each asset's window holds a missing value.
     std::vector<int> missing_count;
@@ -408,8 +477,11 @@ public:
 private:
     long lookback_of_argument(const Node& parent) const;
     void allocate_rows(NodeState& state, long capacity);
-    void plan_blocks(NodeState& state, int quantities, bool sparse_cover);
+    void plan_chunks(NodeState& state, int quantities);
+    void plan_blocks(NodeState& state);
     const double* argument_row(const NodeState& state, int which, long t) const;
+    double* prefix_row(const NodeState& state, int quantity) const;
+    double* suffix_row(const NodeState& state, int quantity, long position) const;
     void step(NodeState& state, long t);
 
     void elementwise(NodeState& state, long t);
@@ -427,8 +499,7 @@ private:
     int n_;
     std::ptrdiff_t stride_;
     std::vector<NodeState> states_;
-    Storage zeros_;       // a row of zeros: the spread of a single value
-    Storage scratch_;     // rows for folding blocks and the weights' deviations
+    Storage scratch_;  // rows for the weights' deviations
     Ranker ranker_;
 };
 
@@ -457,18 +528,16 @@ inline Evaluator::Evaluator(const Run& run)
         if (node.op == Op::constant) std::fill(state.out.data, state.out.data + n_, node.value);
         switch (node.op) {
             case Op::ts_sum:
-            case Op::ts_mean: plan_blocks(state, 1, false); break;
-            case Op::ts_std: plan_blocks(state, 2, false); break;
-            case Op::ts_corr: plan_blocks(state, 5, false); break;
+            case Op::ts_mean: plan_chunks(state, 1); break;
+            case Op::ts_std: plan_chunks(state, 2); break;
+            case Op::ts_corr: plan_chunks(state, 5); break;
             case Op::ts_min:
-            case Op::ts_max: plan_blocks(state, 1, true); break;
+            case Op::ts_max: plan_blocks(state); break;
             case Op::ts_rank: state.missing_count.assign(static_cast<std::size_t>(n_), 0); break;
             default: break;
         }
     }
-    zeros_ = allocate(static_cast<std::size_t>(stride_));
-    std::fill(zeros_.get(), zeros_.get() + stride_, 0.0);
-    scratch_ = allocate(static_cast<std::size_t>(stride_) * 10);
+    scratch_ = allocate(static_cast<std::size_t>(stride_));
 }
 
 // How many rows before today a node reads of its arguments.
@@ -476,11 +545,11 @@ inline long Evaluator::lookback_of_argument(const Node& parent) const {
     switch (parent.op) {
         case Op::ts_delay:
         case Op::ts_delta: return parent.window;
-        case Op::ts_rank: return parent.window - 1;
+        case Op::ts_rank:
         case Op::ts_sum:
         case Op::ts_mean:
         case Op::ts_std:
-        case Op::ts_corr:
+        case Op::ts_corr: return parent.window - 1;  // a chunk's days, read again for its suffix
         case Op::ts_min:
         case Op::ts_max: return parent.window >= 2 ? 1 : 0;  // the two halves of the smallest block
         default: return 0;
@@ -493,34 +562,39 @@ inline void Evaluator::allocate_rows(NodeState& state, long capacity) {
     state.out = Rows{state.own.get(), stride_, size - 1};
 }
 
-// Plans the blocks of a window operator. Level k holds, for every day, the
-// block of the 2^k days ending that day; it is read 2^k days later to build
-// level k + 1, and at its offset when it is one of the window's blocks.
-// Sums and moments split the window into the blocks of its binary digits;
-// minima and maxima cover it with two blocks of the largest level instead.
-inline void Evaluator::plan_blocks(NodeState& state, int quantities, bool sparse_cover) {
+inline void Evaluator::plan_chunks(NodeState& state, int quantities) {
+    const auto rows = static_cast<std::size_t>(quantities);
+    const auto width = static_cast<std::size_t>(stride_);
+    state.quantities = quantities;
+    state.prefix = allocate(rows * width);
+    if (state.node.window > 1) state.suffix = allocate(rows * static_cast<std::size_t>(state.node.window) * width);
+}
+
+inline double* Evaluator::prefix_row(const NodeState& state, int quantity) const {
+    return state.prefix.get() + quantity * stride_;
+}
+
+inline double* Evaluator::suffix_row(const NodeState& state, int quantity, long position) const {
+    return state.suffix.get() + (quantity * static_cast<std::ptrdiff_t>(state.node.window) + position) * stride_;
+}
+
+// Plans the blocks of a minimum or maximum. Level k holds, for every day, the
+// block of the 2^k days ending that day; it is read 2^(k-1) days later to
+// build level k + 1. Two blocks of the largest level K cover the window: the
+// one ending window - 2^K days back and the one ending today.
+inline void Evaluator::plan_blocks(NodeState& state) {
     const long window = state.node.window;
     int levels = 0;
     while ((2L << levels) <= window) ++levels;
     state.levels = levels;
-    if (sparse_cover) {
-        state.blocks = {{levels, window - (1L << levels)}, {levels, 0}};
-    } else {
-        for (int k = levels; k >= 0; --k) {
-            if (window & (1L << k)) state.blocks.emplace_back(k, window & ((1L << k) - 1));
-        }
-    }
-    std::vector<long> reach(static_cast<std::size_t>(levels) + 1, 0);
-    for (int k = 0; k < levels; ++k) reach[static_cast<std::size_t>(k)] = 1L << k;
-    for (const auto& [k, offset] : state.blocks) reach[static_cast<std::size_t>(k)] = std::max(reach[static_cast<std::size_t>(k)], offset);
-    state.block_rows.assign(static_cast<std::size_t>(quantities), std::vector<Rows>(static_cast<std::size_t>(levels) + 1));
-    for (int q = 0; q < quantities; ++q) {
-        for (int k = 1; k <= levels; ++k) {
-            const long size = ring_size(reach[static_cast<std::size_t>(k)] + 1);
-            state.block_storage.push_back(allocate(static_cast<std::size_t>(stride_) * static_cast<std::size_t>(size)));
-            state.block_rows[static_cast<std::size_t>(q)][static_cast<std::size_t>(k)] =
-                Rows{state.block_storage.back().get(), stride_, size - 1};
-        }
+    state.cover[0] = window - (1L << levels);
+    state.cover[1] = 0;
+    state.block_rows.assign(static_cast<std::size_t>(levels) + 1, Rows{});
+    for (int k = 1; k <= levels; ++k) {
+        const long reach = k < levels ? (1L << k) : state.cover[0];
+        const long size = ring_size(reach + 1);
+        state.block_storage.push_back(allocate(static_cast<std::size_t>(stride_) * static_cast<std::size_t>(size)));
+        state.block_rows[static_cast<std::size_t>(k)] = Rows{state.block_storage.back().get(), stride_, size - 1};
     }
 }
 
@@ -626,45 +700,8 @@ inline void Evaluator::cross_sectional(NodeState& state, long t) {
 
 // ---- windows ---------------------------------------------------------------------
 
-inline void Evaluator::window_sum(NodeState& state, long t) {
-    const int n = n_;
-    const long window = state.node.window;
-    const Rows& argument = states_[static_cast<std::size_t>(state.node.args[0])].out;
-    auto block = [&](int level, long day) -> const double* {
-        return level == 0 ? argument.row(day) : state.block_rows[0][static_cast<std::size_t>(level)].row(day);
-    };
-    for (int k = 1; k <= state.levels; ++k) {
-        long half = 1L << (k - 1);
-        if (t < 2 * half - 1) break;
-        const double* older = block(k - 1, t - half);
-        const double* newer = block(k - 1, t);
-        double* sum = state.block_rows[0][static_cast<std::size_t>(k)].row(t);
-        for (int i = 0; i < n; ++i) sum[i] = older[i] + newer[i];
-    }
-    double* out = state.out.row(t);
-    if (t < window - 1) {
-        std::fill(out, out + n, missing());
-        return;
-    }
-    const auto& blocks = state.blocks;
-    const double* first = block(blocks[0].first, t - blocks[0].second);
-    if (blocks.size() == 1) {
-        std::copy(first, first + n, out);
-    } else {
-        const double* second = block(blocks[1].first, t - blocks[1].second);
-        for (int i = 0; i < n; ++i) out[i] = first[i] + second[i];
-        for (std::size_t j = 2; j < blocks.size(); ++j) {
-            const double* next = block(blocks[j].first, t - blocks[j].second);
-            for (int i = 0; i < n; ++i) out[i] += next[i];
-        }
-    }
-    if (state.node.op == Op::ts_mean) {
-        const double count = static_cast<double>(window);
-        for (int i = 0; i < n; ++i) out[i] = finite_or_missing(out[i] / count);
-    } else {
-        for (int i = 0; i < n; ++i) out[i] = finite_or_missing(out[i]);
-    }
-}
+// Where day t falls in its chunk of `window` days.
+inline long chunk_position(long t, long window) { return t % window; }
 
 // Merges block A (older, `older_count` days) with block B (newer): the mean
 // moves by (mB - mA) nB / n and the squared deviations gain
@@ -680,92 +717,81 @@ inline MergeFactors merge_factors(long older_count, long newer_count) {
             static_cast<double>(older_count * newer_count) / static_cast<double>(total)};
 }
 
-// Block merges over a row of assets. The outputs never alias the inputs (folds
-// alternate between two scratch rows), which lets the loops vectorise.
-inline void merge_moments(int n, const MergeFactors f, const double* __restrict ma, const double* __restrict qa,
-                          const double* __restrict mb, const double* __restrict qb, double* __restrict m,
-                          double* __restrict q) {
-    for (int i = 0; i < n; ++i) {
-        double d = mb[i] - ma[i];
-        m[i] = ma[i] + d * f.shift;
-        q[i] = (qa[i] + qb[i]) + (d * d) * f.squares;
+// Sums: the prefix adds today, a suffix day adds the suffix after it, and
+// the window is the suffix plus the prefix.
+inline void Evaluator::window_sum(NodeState& state, long t) {
+    const int n = n_;
+    const long window = state.node.window;
+    const long j = chunk_position(t, window);
+    const Rows& argument = states_[static_cast<std::size_t>(state.node.args[0])].out;
+    const double* __restrict today = argument.row(t);
+    double* __restrict prefix = prefix_row(state, 0);
+    double* __restrict out = state.out.row(t);
+    const double count = static_cast<double>(window);
+    const bool mean = state.node.op == Op::ts_mean;
+    if (t >= window && j > 0 && j < window - 1) {  // most days: grow the prefix and add the suffix in one pass
+        const double* __restrict suffix = suffix_row(state, 0, j + 1);
+        for (int i = 0; i < n; ++i) {
+            const double grown = prefix[i] + today[i];
+            prefix[i] = grown;
+            const double sum = suffix[i] + grown;
+            out[i] = finite_or_missing(mean ? sum / count : sum);
+        }
+        return;
+    }
+    if (j == 0) {
+        std::copy(today, today + n, prefix);
+    } else {
+        for (int i = 0; i < n; ++i) prefix[i] = prefix[i] + today[i];
+    }
+    if (t < window - 1) {
+        std::fill(out, out + n, missing());
+    } else if (j == window - 1) {
+        if (mean) {
+            for (int i = 0; i < n; ++i) out[i] = finite_or_missing(prefix[i] / count);
+        } else {
+            for (int i = 0; i < n; ++i) out[i] = finite_or_missing(prefix[i]);
+        }
+    } else {
+        const double* __restrict suffix = suffix_row(state, 0, j + 1);
+        if (mean) {
+            for (int i = 0; i < n; ++i) out[i] = finite_or_missing((suffix[i] + prefix[i]) / count);
+        } else {
+            for (int i = 0; i < n; ++i) out[i] = finite_or_missing(suffix[i] + prefix[i]);
+        }
+    }
+    if (j == window - 1 && window > 1) {  // the chunk ends: its suffixes, newest day first
+        std::copy(today, today + n, suffix_row(state, 0, window - 1));
+        for (long p = window - 2; p >= 1; --p) {
+            const double* __restrict day = argument.row(t - (window - 1) + p);
+            const double* __restrict after = suffix_row(state, 0, p + 1);
+            double* __restrict sum = suffix_row(state, 0, p);
+            for (int i = 0; i < n; ++i) sum[i] = day[i] + after[i];
+        }
     }
 }
 
-// Merges of two single days, whose squared deviations and cross products are
-// 0: the same operations as the general merges, without reading rows of zeros
-// ((0 + 0) + x is 0 + x).
-inline void merge_single_days(int n, const MergeFactors f, const double* __restrict a, const double* __restrict b,
-                              double* __restrict m, double* __restrict q) {
+// Moments of one series: (mean, squared deviations). The prefix takes in
+// today (older: its own days, newer: today); a suffix day takes in the suffix
+// after it (older: the day, newer: the suffix). A single day's squared
+// deviations are 0, and adding 0 to the other side's changes nothing, so
+// those additions are left out.
+inline void grow_moments(int n, const MergeFactors f, const double* __restrict x, double* __restrict m,
+                         double* __restrict q) {
     for (int i = 0; i < n; ++i) {
-        double d = b[i] - a[i];
-        m[i] = a[i] + d * f.shift;
-        q[i] = 0.0 + (d * d) * f.squares;
+        double d = x[i] - m[i];
+        m[i] = m[i] + d * f.shift;
+        q[i] = q[i] + (d * d) * f.squares;
     }
 }
 
-struct Comoments {
-    const double* mean_a;
-    const double* mean_b;
-    const double* squares_a;
-    const double* squares_b;
-    const double* cross;
-};
-
-struct ComomentRows {
-    double* mean_a;
-    double* mean_b;
-    double* squares_a;
-    double* squares_b;
-    double* cross;
-};
-
-inline void merge_comoments_rows(int n, const MergeFactors f, const double* __restrict ma, const double* __restrict mb,
-                                 const double* __restrict qa, const double* __restrict qb,
-                                 const double* __restrict ca, const double* __restrict na,
-                                 const double* __restrict nb, const double* __restrict ra,
-                                 const double* __restrict rb, const double* __restrict cb,
-                                 double* __restrict out_ma, double* __restrict out_mb, double* __restrict out_qa,
-                                 double* __restrict out_qb, double* __restrict out_c) {
-    // older block: means ma/mb, squares qa/qb, cross ca; newer: na/nb, ra/rb, cb
+inline void prepend_moments(int n, const MergeFactors f, const double* __restrict x, const double* __restrict mb,
+                            const double* __restrict qb, double* __restrict m, double* __restrict q) {
     for (int i = 0; i < n; ++i) {
-        double dx = na[i] - ma[i];
-        double dy = nb[i] - mb[i];
-        out_ma[i] = ma[i] + dx * f.shift;
-        out_mb[i] = mb[i] + dy * f.shift;
-        out_qa[i] = (qa[i] + ra[i]) + (dx * dx) * f.squares;
-        out_qb[i] = (qb[i] + rb[i]) + (dy * dy) * f.squares;
-        out_c[i] = (ca[i] + cb[i]) + (dx * dy) * f.squares;
+        double d = mb[i] - x[i];
+        m[i] = x[i] + d * f.shift;
+        q[i] = qb[i] + (d * d) * f.squares;
     }
-}
-
-inline void merge_single_day_pairs_rows(int n, const MergeFactors f, const double* __restrict xa,
-                                        const double* __restrict ya, const double* __restrict xb,
-                                        const double* __restrict yb, double* __restrict out_ma,
-                                        double* __restrict out_mb, double* __restrict out_qa,
-                                        double* __restrict out_qb, double* __restrict out_c) {
-    for (int i = 0; i < n; ++i) {
-        double dx = xb[i] - xa[i];
-        double dy = yb[i] - ya[i];
-        out_ma[i] = xa[i] + dx * f.shift;
-        out_mb[i] = ya[i] + dy * f.shift;
-        out_qa[i] = 0.0 + (dx * dx) * f.squares;
-        out_qb[i] = 0.0 + (dy * dy) * f.squares;
-        out_c[i] = 0.0 + (dx * dy) * f.squares;
-    }
-}
-
-inline void merge_single_day_pairs(int n, const MergeFactors f, const double* xa, const double* ya,
-                                   const double* xb, const double* yb, const ComomentRows& out) {
-    merge_single_day_pairs_rows(n, f, xa, ya, xb, yb, out.mean_a, out.mean_b, out.squares_a, out.squares_b,
-                                out.cross);
-}
-
-inline void merge_comoments(int n, const MergeFactors f, const Comoments& older, const Comoments& newer,
-                            const ComomentRows& out) {
-    merge_comoments_rows(n, f, older.mean_a, older.mean_b, older.squares_a, older.squares_b, older.cross,
-                         newer.mean_a, newer.mean_b, newer.squares_a, newer.squares_b, newer.cross, out.mean_a,
-                         out.mean_b, out.squares_a, out.squares_b, out.cross);
 }
 
 // The sample standard deviation of a window from its mean and squared
@@ -787,6 +813,103 @@ inline void merged_deviations(int n, double days, const MergeFactors f, const do
     for (int i = 0; i < n; ++i) {
         double d = mb[i] - ma[i];
         out[i] = deviation(ma[i] + d * f.shift, (qa[i] + qb[i]) + (d * d) * f.squares, days);
+    }
+}
+
+// The prefix takes in today (grow_moments), then the suffix (older) merges
+// with it into the window's deviation (merged_deviations), in one pass.
+inline void grow_and_deviate(int n, double days, const MergeFactors grow, const MergeFactors merge,
+                             const double* __restrict x, const double* __restrict ma, const double* __restrict qa,
+                             double* __restrict m, double* __restrict q, double* __restrict out) {
+    for (int i = 0; i < n; ++i) {
+        const double g = x[i] - m[i];
+        const double grown_mean = m[i] + g * grow.shift;
+        const double grown_squares = q[i] + (g * g) * grow.squares;
+        m[i] = grown_mean;
+        q[i] = grown_squares;
+        const double d = grown_mean - ma[i];
+        out[i] = deviation(ma[i] + d * merge.shift, (qa[i] + grown_squares) + (d * d) * merge.squares, days);
+    }
+}
+
+inline void Evaluator::window_moments(NodeState& state, long t) {
+    const int n = n_;
+    const long window = state.node.window;
+    const long j = chunk_position(t, window);
+    const Rows& argument = states_[static_cast<std::size_t>(state.node.args[0])].out;
+    const double* today = argument.row(t);
+    double* mean = prefix_row(state, 0);
+    double* squares = prefix_row(state, 1);
+    const double days = static_cast<double>(window);
+    if (t >= window && j > 0 && j < window - 1) {  // most days: grow the prefix and merge it in one pass
+        grow_and_deviate(n, days, merge_factors(j, 1), merge_factors(window - 1 - j, j + 1), today,
+                         suffix_row(state, 0, j + 1), suffix_row(state, 1, j + 1), mean, squares, state.out.row(t));
+        return;
+    }
+    if (j == 0) {
+        std::copy(today, today + n, mean);
+        std::fill(squares, squares + n, 0.0);
+    } else {
+        grow_moments(n, merge_factors(j, 1), today, mean, squares);
+    }
+    double* out = state.out.row(t);
+    if (t < window - 1) {
+        std::fill(out, out + n, missing());
+    } else if (j == window - 1) {
+        deviations(n, days, mean, squares, out);
+    } else {  // the suffix (older) merges with the prefix straight into the deviation
+        merged_deviations(n, days, merge_factors(window - 1 - j, j + 1), suffix_row(state, 0, j + 1),
+                          suffix_row(state, 1, j + 1), mean, squares, out);
+    }
+    if (j == window - 1) {  // the chunk ends: its suffixes, newest day first
+        std::copy(today, today + n, suffix_row(state, 0, window - 1));
+        std::fill(suffix_row(state, 1, window - 1), suffix_row(state, 1, window - 1) + n, 0.0);
+        for (long p = window - 2; p >= 1; --p) {
+            prepend_moments(n, merge_factors(1, window - 1 - p), argument.row(t - (window - 1) + p),
+                            suffix_row(state, 0, p + 1), suffix_row(state, 1, p + 1), suffix_row(state, 0, p),
+                            suffix_row(state, 1, p));
+        }
+    }
+}
+
+// Moments of two series: (mean a, mean b, squared deviations a, b, cross products).
+struct Comoments {
+    double* mean_a;
+    double* mean_b;
+    double* squares_a;
+    double* squares_b;
+    double* cross;
+};
+
+inline void grow_comoments_rows(int n, const MergeFactors f, const double* __restrict x, const double* __restrict y,
+                                double* __restrict ma, double* __restrict mb, double* __restrict qa,
+                                double* __restrict qb, double* __restrict c) {
+    for (int i = 0; i < n; ++i) {
+        double dx = x[i] - ma[i];
+        double dy = y[i] - mb[i];
+        ma[i] = ma[i] + dx * f.shift;
+        mb[i] = mb[i] + dy * f.shift;
+        qa[i] = qa[i] + (dx * dx) * f.squares;
+        qb[i] = qb[i] + (dy * dy) * f.squares;
+        c[i] = c[i] + (dx * dy) * f.squares;
+    }
+}
+
+inline void prepend_comoments_rows(int n, const MergeFactors f, const double* __restrict x,
+                                   const double* __restrict y, const double* __restrict na,
+                                   const double* __restrict nb, const double* __restrict ra,
+                                   const double* __restrict rb, const double* __restrict cb,
+                                   double* __restrict ma, double* __restrict mb, double* __restrict qa,
+                                   double* __restrict qb, double* __restrict c) {
+    // newer block: means na/nb, squares ra/rb, cross cb
+    for (int i = 0; i < n; ++i) {
+        double dx = na[i] - x[i];
+        double dy = nb[i] - y[i];
+        ma[i] = x[i] + dx * f.shift;
+        mb[i] = y[i] + dy * f.shift;
+        qa[i] = ra[i] + (dx * dx) * f.squares;
+        qb[i] = rb[i] + (dy * dy) * f.squares;
+        c[i] = cb[i] + (dx * dy) * f.squares;
     }
 }
 
@@ -823,119 +946,103 @@ inline void merged_correlations_rows(int n, double days, const MergeFactors f, c
     }
 }
 
-inline void merged_correlations(int n, double days, const MergeFactors f, const Comoments& older,
-                                const Comoments& newer, double* out) {
-    merged_correlations_rows(n, days, f, older.mean_a, older.mean_b, older.squares_a, older.squares_b, older.cross,
-                             newer.mean_a, newer.mean_b, newer.squares_a, newer.squares_b, newer.cross, out);
+// The prefix takes in today's pair (grow_comoments_rows), then the suffix
+// (older) merges with it into the window's correlation
+// (merged_correlations_rows), asset by asset in one pass.
+inline void grow_and_correlate_rows(int n, double days, const MergeFactors grow, const MergeFactors merge,
+                                    const double* __restrict x, const double* __restrict y,
+                                    const double* __restrict oa, const double* __restrict ob,
+                                    const double* __restrict ra, const double* __restrict rb,
+                                    const double* __restrict rc, double* __restrict ma, double* __restrict mb,
+                                    double* __restrict qa, double* __restrict qb, double* __restrict c,
+                                    double* __restrict out) {
+    // older block (the suffix): means oa/ob, squares ra/rb, cross rc; the prefix: ma/mb, qa/qb, c
+    for (int i = 0; i < n; ++i) {
+        const double gx = x[i] - ma[i];
+        const double gy = y[i] - mb[i];
+        const double na = ma[i] + gx * grow.shift;
+        const double nb = mb[i] + gy * grow.shift;
+        const double sa = qa[i] + (gx * gx) * grow.squares;
+        const double sb = qb[i] + (gy * gy) * grow.squares;
+        const double sc = c[i] + (gx * gy) * grow.squares;
+        ma[i] = na;
+        mb[i] = nb;
+        qa[i] = sa;
+        qb[i] = sb;
+        c[i] = sc;
+        const double dx = na - oa[i];
+        const double dy = nb - ob[i];
+        out[i] = correlation(oa[i] + dx * merge.shift, ob[i] + dy * merge.shift, (ra[i] + sa) + (dx * dx) * merge.squares,
+                             (rb[i] + sb) + (dy * dy) * merge.squares, (rc[i] + sc) + (dx * dy) * merge.squares, days);
+    }
 }
 
-inline void Evaluator::window_moments(NodeState& state, long t) {
-    const int n = n_;
-    const long window = state.node.window;
-    const Rows& argument = states_[static_cast<std::size_t>(state.node.args[0])].out;
-    const double* zeros = zeros_.get();
-    auto means = [&](int level, long day) -> const double* {
-        return level == 0 ? argument.row(day) : state.block_rows[0][static_cast<std::size_t>(level)].row(day);
-    };
-    auto squares = [&](int level, long day) -> const double* {
-        return level == 0 ? zeros : state.block_rows[1][static_cast<std::size_t>(level)].row(day);
-    };
-    for (int k = 1; k <= state.levels; ++k) {
-        long half = 1L << (k - 1);
-        if (t < 2 * half - 1) break;
-        const MergeFactors f = merge_factors(half, half);
-        const double *ma = means(k - 1, t - half), *mb = means(k - 1, t);
-        const double *qa = squares(k - 1, t - half), *qb = squares(k - 1, t);
-        double* m = state.block_rows[0][static_cast<std::size_t>(k)].row(t);
-        double* q = state.block_rows[1][static_cast<std::size_t>(k)].row(t);
-        if (k == 1) {
-            merge_single_days(n, f, ma, mb, m, q);
-        } else {
-            merge_moments(n, f, ma, qa, mb, qb, m, q);
-        }
-    }
-    double* out = state.out.row(t);
-    if (t < window - 1) {
-        std::fill(out, out + n, missing());
-        return;
-    }
-    const auto& blocks = state.blocks;
-    const double* m = means(blocks[0].first, t - blocks[0].second);
-    const double* q = squares(blocks[0].first, t - blocks[0].second);
-    long count = 1L << blocks[0].first;
-    const double days = static_cast<double>(window);
-    for (std::size_t j = 1; j + 1 < blocks.size(); ++j) {
-        const double* mb = means(blocks[j].first, t - blocks[j].second);
-        const double* qb = squares(blocks[j].first, t - blocks[j].second);
-        long added = 1L << blocks[j].first;
-        double* merged = scratch_.get() + static_cast<std::ptrdiff_t>(2 * (j % 2)) * stride_;
-        merge_moments(n, merge_factors(count, added), m, q, mb, qb, merged, merged + stride_);
-        m = merged;
-        q = merged + stride_;
-        count += added;
-    }
-    if (blocks.size() == 1) {
-        deviations(n, days, m, q, out);
-    } else {  // the last block merges straight into the deviation: the window's statistics are never stored
-        const auto& [level, back] = blocks.back();
-        merged_deviations(n, days, merge_factors(count, 1L << level), m, q, means(level, t - back),
-                          squares(level, t - back), out);
-    }
+inline void grow_and_correlate(int n, double days, const MergeFactors grow, const MergeFactors merge, const double* x,
+                               const double* y, const Comoments& older, const Comoments& prefix, double* out) {
+    grow_and_correlate_rows(n, days, grow, merge, x, y, older.mean_a, older.mean_b, older.squares_a, older.squares_b,
+                            older.cross, prefix.mean_a, prefix.mean_b, prefix.squares_a, prefix.squares_b, prefix.cross,
+                            out);
 }
 
 inline void Evaluator::window_comoments(NodeState& state, long t) {
     const int n = n_;
     const long window = state.node.window;
+    const long j = chunk_position(t, window);
     const Rows& left = states_[static_cast<std::size_t>(state.node.args[0])].out;
     const Rows& right = states_[static_cast<std::size_t>(state.node.args[1])].out;
-    const double* zeros = zeros_.get();
-    // quantities: 0 mean of a, 1 mean of b, 2 squares of a, 3 squares of b, 4 cross products
-    auto rows = [&](int quantity, int level, long day) -> const double* {
-        if (level == 0) return quantity == 0 ? left.row(day) : quantity == 1 ? right.row(day) : zeros;
-        return state.block_rows[static_cast<std::size_t>(quantity)][static_cast<std::size_t>(level)].row(day);
+    auto prefix = [&] {
+        return Comoments{prefix_row(state, 0), prefix_row(state, 1), prefix_row(state, 2), prefix_row(state, 3),
+                         prefix_row(state, 4)};
     };
-    auto block = [&](int level, long day) {
-        return Comoments{rows(0, level, day), rows(1, level, day), rows(2, level, day), rows(3, level, day),
-                         rows(4, level, day)};
+    auto suffix = [&](long p) {
+        return Comoments{suffix_row(state, 0, p), suffix_row(state, 1, p), suffix_row(state, 2, p),
+                         suffix_row(state, 3, p), suffix_row(state, 4, p)};
     };
-    for (int k = 1; k <= state.levels; ++k) {
-        long half = 1L << (k - 1);
-        if (t < 2 * half - 1) break;
-        auto target = [&](int quantity) {
-            return state.block_rows[static_cast<std::size_t>(quantity)][static_cast<std::size_t>(k)].row(t);
-        };
-        const ComomentRows merged{target(0), target(1), target(2), target(3), target(4)};
-        if (k == 1) {
-            merge_single_day_pairs(n, merge_factors(1, 1), left.row(t - 1), right.row(t - 1), left.row(t),
-                                   right.row(t), merged);
-        } else {
-            merge_comoments(n, merge_factors(half, half), block(k - 1, t - half), block(k - 1, t), merged);
-        }
+    // A single day: its values, no spread.
+    auto single = [&](const Comoments& to, const double* x, const double* y) {
+        std::copy(x, x + n, to.mean_a);
+        std::copy(y, y + n, to.mean_b);
+        std::fill(to.squares_a, to.squares_a + n, 0.0);
+        std::fill(to.squares_b, to.squares_b + n, 0.0);
+        std::fill(to.cross, to.cross + n, 0.0);
+    };
+    const double* x = left.row(t);
+    const double* y = right.row(t);
+    const Comoments grown = prefix();
+    const double days = static_cast<double>(window);
+    if (t >= window && j > 0 && j < window - 1) {  // most days: grow the prefix and merge it in one pass
+        const Comoments older = suffix(j + 1);
+        grow_and_correlate(n, days, merge_factors(j, 1), merge_factors(window - 1 - j, j + 1), x, y, older, grown,
+                           state.out.row(t));
+        return;
+    }
+    if (j == 0) {
+        single(grown, x, y);
+    } else {
+        grow_comoments_rows(n, merge_factors(j, 1), x, y, grown.mean_a, grown.mean_b, grown.squares_a,
+                            grown.squares_b, grown.cross);
     }
     double* out = state.out.row(t);
     if (t < window - 1) {
         std::fill(out, out + n, missing());
-        return;
+    } else if (j == window - 1) {
+        correlations(n, days, grown, out);
+    } else {  // the suffix (older) merges with the prefix straight into the correlation
+        const Comoments older = suffix(j + 1);
+        merged_correlations_rows(n, days, merge_factors(window - 1 - j, j + 1), older.mean_a, older.mean_b,
+                                 older.squares_a, older.squares_b, older.cross, grown.mean_a, grown.mean_b,
+                                 grown.squares_a, grown.squares_b, grown.cross, out);
     }
-    const auto& blocks = state.blocks;
-    Comoments acc = block(blocks[0].first, t - blocks[0].second);
-    long count = 1L << blocks[0].first;
-    const double days = static_cast<double>(window);
-    if (blocks.size() == 1) {
-        correlations(n, days, acc, out);
-        return;
+    if (j == window - 1) {  // the chunk ends: its suffixes, newest day first
+        single(suffix(window - 1), x, y);
+        for (long p = window - 2; p >= 1; --p) {
+            const Comoments after = suffix(p + 1), to = suffix(p);
+            const long day = t - (window - 1) + p;
+            prepend_comoments_rows(n, merge_factors(1, window - 1 - p), left.row(day), right.row(day), after.mean_a,
+                                   after.mean_b, after.squares_a, after.squares_b, after.cross, to.mean_a, to.mean_b,
+                                   to.squares_a, to.squares_b, to.cross);
+        }
     }
-    for (std::size_t j = 1; j + 1 < blocks.size(); ++j) {
-        long added = 1L << blocks[j].first;
-        double* base = scratch_.get() + static_cast<std::ptrdiff_t>(5 * (j % 2)) * stride_;
-        ComomentRows merged{base, base + stride_, base + 2 * stride_, base + 3 * stride_, base + 4 * stride_};
-        merge_comoments(n, merge_factors(count, added), acc, block(blocks[j].first, t - blocks[j].second), merged);
-        acc = Comoments{merged.mean_a, merged.mean_b, merged.squares_a, merged.squares_b, merged.cross};
-        count += added;
-    }
-    // The last block merges straight into the correlation: the window's statistics are never stored.
-    const auto& [level, back] = blocks.back();
-    merged_correlations(n, days, merge_factors(count, 1L << level), acc, block(level, t - back), out);
 }
 
 inline void Evaluator::window_extreme(NodeState& state, long t) {
@@ -944,7 +1051,7 @@ inline void Evaluator::window_extreme(NodeState& state, long t) {
     const bool lowest = state.node.op == Op::ts_min;
     const Rows& argument = states_[static_cast<std::size_t>(state.node.args[0])].out;
     auto block = [&](int level, long day) -> const double* {
-        return level == 0 ? argument.row(day) : state.block_rows[0][static_cast<std::size_t>(level)].row(day);
+        return level == 0 ? argument.row(day) : state.block_rows[static_cast<std::size_t>(level)].row(day);
     };
     auto combine = [&](const double* a, const double* b, double* out) {
         if (lowest) {
@@ -956,15 +1063,14 @@ inline void Evaluator::window_extreme(NodeState& state, long t) {
     for (int k = 1; k <= state.levels; ++k) {
         long half = 1L << (k - 1);
         if (t < 2 * half - 1) break;
-        combine(block(k - 1, t - half), block(k - 1, t), state.block_rows[0][static_cast<std::size_t>(k)].row(t));
+        combine(block(k - 1, t - half), block(k - 1, t), state.block_rows[static_cast<std::size_t>(k)].row(t));
     }
     double* out = state.out.row(t);
     if (t < window - 1) {
         std::fill(out, out + n, missing());
         return;
     }
-    const auto& blocks = state.blocks;
-    combine(block(blocks[0].first, t - blocks[0].second), block(blocks[1].first, t - blocks[1].second), out);
+    combine(block(state.levels, t - state.cover[0]), block(state.levels, t - state.cover[1]), out);
 }
 
 // The rank of today's value among the window's earlier values: each earlier
@@ -1025,49 +1131,114 @@ inline void Evaluator::shift(NodeState& state, long t) {
 // nothing.
 inline void Evaluator::write_weights(const double* values, double* weights) const {
     const int n = n_;
-    auto present = [&](int i) { return values[i] - values[i] == 0.0; };
-    const int count = count_if(n, present);
-    auto filled = [&](int i) { return present(i) ? values[i] : 0.0; };
-    const double mean = lane_sum(n, filled) / static_cast<double>(std::max(count, 1));
-    double* deviations = scratch_.get();
-    for (int i = 0; i < n; ++i) {
-        double v = values[i];
-        double d = v - mean;
-        deviations[i] = v - v == 0.0 ? d : 0.0;
+    // One pass for the present values' sum, their size and their count (a sum
+    // of ones, exact), each added in lanes as lane_sum adds.
+    double sums[lanes] = {}, sizes[lanes] = {}, counts[lanes] = {};
+    int i = 0;
+#if defined(TALLOWMERE_ENGINE_AVX2_CODE)
+    {
+        const int full = n - n % lanes;
+        const __m256d zero = _mm256_setzero_pd(), one = _mm256_set1_pd(1.0), sign = _mm256_set1_pd(-0.0);
+        __m256d sum[2] = {zero, zero}, size[2] = {zero, zero}, count[2] = {zero, zero};
+        for (; i < full; i += lanes) {
+            for (int h = 0; h < 2; ++h) {
+                const __m256d x = _mm256_loadu_pd(values + i + 4 * h);
+                const __m256d here = _mm256_cmp_pd(_mm256_sub_pd(x, x), zero, _CMP_EQ_OQ);
+                const __m256d filled = _mm256_and_pd(here, x);  // 0.0 where missing
+                sum[h] = _mm256_add_pd(sum[h], filled);
+                size[h] = _mm256_add_pd(size[h], _mm256_andnot_pd(sign, filled));
+                count[h] = _mm256_add_pd(count[h], _mm256_and_pd(here, one));
+            }
+        }
+        for (int h = 0; h < 2; ++h) {
+            _mm256_storeu_pd(sums + 4 * h, sum[h]);
+            _mm256_storeu_pd(sizes + 4 * h, size[h]);
+            _mm256_storeu_pd(counts + 4 * h, count[h]);
+        }
     }
-    const double gross = lane_sum(n, [&](int i) { return std::fabs(deviations[i]); });
-    const double size = lane_sum(n, [&](int i) { return std::fabs(filled(i)); });
+#endif
+    for (; i < n; ++i) {
+        const int j = i % lanes;
+        const double x = values[i];
+        const bool here = x - x == 0.0;
+        const double filled = here ? x : 0.0;
+        sums[j] += filled;
+        sizes[j] += std::fabs(filled);
+        counts[j] += here ? 1.0 : 0.0;
+    }
+    const int count = static_cast<int>(combined_lanes(counts));
+    const double mean = combined_lanes(sums) / static_cast<double>(std::max(count, 1));
+    const double size = combined_lanes(sizes);
+    double* deviations = scratch_.get();
+    for (int k = 0; k < n; ++k) {
+        const double x = values[k];
+        deviations[k] = x - x == 0.0 ? x - mean : 0.0;
+    }
+    const double gross = lane_sum(n, [&](int k) { return std::fabs(deviations[k]); });
     const bool holds = count >= 2 && gross > 0.0 && gross > dispersion_tolerance * size;
     const double scale = holds ? gross : 1.0;
-    for (int i = 0; i < n; ++i) {
-        double w = holds ? deviations[i] / scale : 0.0;
-        weights[i] = w - w == 0.0 ? w : 0.0;
+    for (int k = 0; k < n; ++k) {
+        double w = holds ? deviations[k] / scale : 0.0;
+        weights[k] = w - w == 0.0 ? w : 0.0;
     }
 }
 
+// The day's PnL (yesterday's weights on today's returns), traded amount,
+// net and gross exposure and largest weight, in one pass.
 inline void Evaluator::write_daily(long t) {
     const int n = n_;
     const long days = run_.days;
     const double* w = run_.weights + t * n;
-    double* figures = run_.daily;
-    if (t == 0) {
-        figures[0] = 0.0;
-        figures[days + t] = lane_sum(n, [&](int i) { return std::fabs(w[i] - 0.0); });
-    } else {
-        const double* previous = w - n;
-        const double* returns = run_.returns.data + t * run_.returns.row_stride;
-        figures[t] = lane_sum(n, [&](int i) { return previous[i] * (returns[i] != returns[i] ? 0.0 : returns[i]); });
-        figures[days + t] = lane_sum(n, [&](int i) { return std::fabs(w[i] - previous[i]); });
-    }
-    figures[2 * days + t] = lane_sum(n, [&](int i) { return w[i]; });
-    figures[3 * days + t] = lane_sum(n, [&](int i) { return std::fabs(w[i]); });
-    double largest[4] = {0.0, 0.0, 0.0, 0.0};  // weights are finite: any order gives the same maximum
+    if (t == 0) std::fill(scratch_.get(), scratch_.get() + n, 0.0);
+    const double* previous = t == 0 ? scratch_.get() : w - n;  // no position before the first day
+    const double* returns = run_.returns.data + t * run_.returns.row_stride;
+    double pnl[lanes] = {}, traded[lanes] = {}, net[lanes] = {}, gross[lanes] = {};
+    double largest[lanes] = {};  // weights are finite: any order gives the same maximum
     int i = 0;
-    for (; i + 4 <= n; i += 4) {
-        for (int j = 0; j < 4; ++j) largest[j] = std::max(largest[j], std::fabs(w[i + j]));
+#if defined(TALLOWMERE_ENGINE_AVX2_CODE)
+    {
+        const int full = n - n % lanes;
+        const __m256d zero = _mm256_setzero_pd(), sign = _mm256_set1_pd(-0.0);
+        __m256d p[2] = {zero, zero}, d[2] = {zero, zero}, e[2] = {zero, zero}, g[2] = {zero, zero}, l[2] = {zero, zero};
+        for (; i < full; i += lanes) {
+            for (int h = 0; h < 2; ++h) {
+                const __m256d now = _mm256_loadu_pd(w + i + 4 * h), before = _mm256_loadu_pd(previous + i + 4 * h);
+                const __m256d r = _mm256_loadu_pd(returns + i + 4 * h);
+                const __m256d earned = _mm256_and_pd(_mm256_cmp_pd(r, r, _CMP_EQ_OQ), r);  // 0.0 for a missing return
+                const __m256d size = _mm256_andnot_pd(sign, now);
+                p[h] = _mm256_add_pd(p[h], _mm256_mul_pd(before, earned));
+                d[h] = _mm256_add_pd(d[h], _mm256_andnot_pd(sign, _mm256_sub_pd(now, before)));
+                e[h] = _mm256_add_pd(e[h], now);
+                g[h] = _mm256_add_pd(g[h], size);
+                l[h] = _mm256_max_pd(l[h], size);
+            }
+        }
+        for (int h = 0; h < 2; ++h) {
+            _mm256_storeu_pd(pnl + 4 * h, p[h]);
+            _mm256_storeu_pd(traded + 4 * h, d[h]);
+            _mm256_storeu_pd(net + 4 * h, e[h]);
+            _mm256_storeu_pd(gross + 4 * h, g[h]);
+            _mm256_storeu_pd(largest + 4 * h, l[h]);
+        }
     }
-    for (; i < n; ++i) largest[0] = std::max(largest[0], std::fabs(w[i]));
-    figures[4 * days + t] = std::max(std::max(largest[0], largest[1]), std::max(largest[2], largest[3]));
+#endif
+    for (; i < n; ++i) {
+        const int j = i % lanes;
+        const double r = returns[i];
+        pnl[j] += previous[i] * (r != r ? 0.0 : r);
+        traded[j] += std::fabs(w[i] - previous[i]);
+        net[j] += w[i];
+        gross[j] += std::fabs(w[i]);
+        largest[j] = std::max(largest[j], std::fabs(w[i]));
+    }
+    double most = 0.0;
+    for (double value : largest) most = std::max(most, value);
+    double* figures = run_.daily;
+    figures[t] = t == 0 ? 0.0 : combined_lanes(pnl);
+    figures[days + t] = combined_lanes(traded);
+    figures[2 * days + t] = combined_lanes(net);
+    figures[3 * days + t] = combined_lanes(gross);
+    figures[4 * days + t] = most;
 }
 
 inline Timing Evaluator::execute() {

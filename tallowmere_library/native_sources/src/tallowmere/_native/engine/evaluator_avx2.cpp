@@ -1,4 +1,4 @@
-// The evaluator compiled for processors with AVX2 (four doubles per
+// The evaluator compiled for processors with AVX2 and BMI2 (four doubles per
 // instruction). Only the evaluator's own functions get the AVX2 target:
 // library templates keep the default one, so code shared with the generic
 // build never needs AVX2. Neither build contracts multiplications and
@@ -10,10 +10,10 @@
 namespace tallowmere::native::engine {
 
 #if defined(__clang__)
-#pragma clang attribute push(__attribute__((target("avx2,popcnt"))), apply_to = function)
+#pragma clang attribute push(__attribute__((target("avx2,bmi2,popcnt"))), apply_to = function)
 #else
 #pragma GCC push_options
-#pragma GCC target("avx2,popcnt")
+#pragma GCC target("avx2,bmi2,popcnt")
 #endif
 
 namespace avx2 {
