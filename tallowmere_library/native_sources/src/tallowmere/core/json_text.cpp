@@ -1,6 +1,7 @@
 #include "core/json_text.hpp"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -60,7 +61,28 @@ void escape(Text& out, Py_UCS4 c) {
     for (int shift = 12; shift >= 0; shift -= 4) out.push_back(digits[(c >> shift) & 0xf]);
 }
 
-inline bool printable_ascii(Py_UCS4 c) { return c >= ' ' && c <= '~' && c != '\\' && c != '"'; }
+constexpr bool printable_ascii(Py_UCS4 c) { return c >= ' ' && c <= '~' && c != '\\' && c != '"'; }
+
+// printable_ascii for each byte value.
+constexpr auto printable_bytes = [] {
+    std::array<unsigned char, 256> table{};
+    for (unsigned c = 0; c < 256; ++c) table[c] = printable_ascii(c) ? 1 : 0;
+    return table;
+}();
+
+// The open path is searched in place up to this depth, through the table beyond.
+constexpr size_t path_scan_depth = 24;
+
+// a < b in code point order, for exact str objects.
+bool text_less(PyObject* a, PyObject* b) {
+    if (PyUnicode_IS_ASCII(a) && PyUnicode_IS_ASCII(b)) {
+        Py_ssize_t length_a = PyUnicode_GET_LENGTH(a), length_b = PyUnicode_GET_LENGTH(b);
+        int order = std::memcmp(PyUnicode_1BYTE_DATA(a), PyUnicode_1BYTE_DATA(b),
+                                static_cast<size_t>(length_a < length_b ? length_a : length_b));
+        return order < 0 || (order == 0 && length_a < length_b);
+    }
+    return PyUnicode_Compare(a, b) < 0;
+}
 
 }  // namespace
 
@@ -117,6 +139,15 @@ void JsonText::string(PyObject* value) {
     add('"');
     if (PyUnicode_IS_ASCII(value)) {
         const char* data = reinterpret_cast<const char*>(PyUnicode_1BYTE_DATA(value));
+        // Most texts need no escape at all: one test over the whole text
+        // (which the compiler vectorises), then one copy.
+        unsigned plain = 1;
+        for (Py_ssize_t i = 0; i < length; ++i) plain &= printable_bytes[static_cast<unsigned char>(data[i])];
+        if (plain) {
+            add(data, static_cast<size_t>(length));
+            add('"');
+            return;
+        }
         Py_ssize_t start = 0;
         for (Py_ssize_t i = 0; i < length; ++i) {
             if (printable_ascii(static_cast<unsigned char>(data[i]))) continue;
@@ -187,14 +218,23 @@ bool JsonText::scalar(PyObject* value) {
 
 bool JsonText::open(PyObject* container, size_t max_depth) {
     if (depth_ >= max_depth) return false;
-    if (open_containers_.find(container)) return false;  // it contains itself
-    open_containers_.set(container, true);
+    // A container met again while it is open contains itself.
+    size_t scanned = std::min(open_path_.size(), path_scan_depth);
+    for (size_t i = 0; i < scanned; ++i) {
+        if (open_path_[i] == container) return false;
+    }
+    if (open_path_.size() >= path_scan_depth) {
+        if (open_containers_.find(container)) return false;
+        open_containers_.set(container, true);
+    }
+    open_path_.push_back(container);
     deepest_ = std::max(deepest_, ++depth_);
     return true;
 }
 
 void JsonText::close(PyObject* container) {
-    open_containers_.erase(container);
+    open_path_.pop_back();
+    if (open_path_.size() >= path_scan_depth) open_containers_.erase(container);
     --depth_;
 }
 
@@ -265,8 +305,7 @@ bool JsonText::write(PyObject* root, size_t max_depth, const KnownText* known) {
             if (style_.sort_keys) {
                 // Keys of one dict are distinct, so the order of the keys alone
                 // decides, as sorting the (key, value) pairs does.
-                std::sort(items_.begin(), items_.end(),
-                          [](const Item& a, const Item& b) { return PyUnicode_Compare(a.key, b.key) < 0; });
+                std::sort(items_.begin(), items_.end(), [](const Item& a, const Item& b) { return text_less(a.key, b.key); });
             }
             add('{');
             work_.push_back({Kind::close_dict, value});

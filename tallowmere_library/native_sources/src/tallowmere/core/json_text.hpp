@@ -78,6 +78,9 @@ private:
     SmallVector<char, 2048> text_;
     SmallVector<Work, 64> work_;
     SmallVector<Item, 32> items_;
+    // The containers open now, outermost first; past a few levels also in a
+    // table, so that finding one stays cheap at any depth.
+    SmallVector<PyObject*, 32> open_path_;
     PointerTable<bool> open_containers_;
     size_t depth_ = 0;
     size_t deepest_ = 0;
