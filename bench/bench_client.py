@@ -3,18 +3,20 @@
 1. ``submit_signal`` with an in-memory transport, against the unavoidable work
    for the same body: its JSON serialisation, its canonical serialisation and
    SHA-256 (the idempotency key), and the decoding of the answer.
-2. End-to-end submissions per second against the reference service (its own
-   process, over loopback), against a bare ``httpx.Client`` loop posting bodies
-   of the same shape to the same service.
-3. A 10,000-signal batch with an in-memory transport, against the same floor
+2. A 10,000-signal batch with an in-memory transport, against the same floor
    per item.
+3. End-to-end submissions per second against the reference service (its own
+   process, over loopback), against a bare ``httpx.Client`` loop posting bodies
+   of the same shape to the same service, request by request in alternation.
 4. ``import tallowmere.submit`` against ``import httpx`` alone, each in a fresh
    interpreter.
 
-Rows 1 and 3 are measured twice: in this process, with the compiled sibling
+Rows 1 to 3 are measured twice: in this process, with the compiled sibling
 functions, and in a worker process started with ``TALLOWMERE_PURE_PYTHON=1``,
 whose siblings are the plain-Python ones. The two take turns round by round,
-so that both meet the same load of the machine; each figure is the best round.
+so that both meet the same load of the machine; each figure is the best round
+(for row 3, each side's best round of submissions alternating with its bare
+loop, and the bare loop's best round).
 
     python bench/bench_client.py [--quick]
 """
@@ -33,6 +35,7 @@ import tempfile
 import time
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
+from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
@@ -123,65 +126,7 @@ class SingleSubmission:
         return Floor(self.transport.bodies[: self.count])
 
 
-# ---- 2. end to end against the reference service -----------------------------------------------
-
-
-@contextmanager
-def reference_service() -> Iterator[tuple[str, str]]:
-    token = "bench-token"
-    with tempfile.TemporaryDirectory() as directory:
-        ready = Path(directory) / "ready"
-        # A slow lifecycle clock keeps the service's worker idle during the run.
-        server = subprocess.Popen(
-            [sys.executable, "-m", "tallowmere", "serve", "--port", "0", "--db", str(Path(directory) / "bench.db"),
-             "--token", token, "--speed", "0.001", "--ready-file", str(ready)],
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-        )  # fmt: skip
-        try:
-            deadline = time.monotonic() + 60
-            while not (ready.exists() and ready.read_text().strip()):
-                if server.poll() is not None or time.monotonic() > deadline:
-                    raise RuntimeError("the reference service did not start")
-                time.sleep(0.05)
-            yield ready.read_text().strip(), token
-        finally:
-            server.terminate()
-            server.wait(timeout=30)
-
-
-def bench_end_to_end(count: int) -> tuple[float, float]:
-    """Submissions per second of the client and of a bare httpx loop, measured
-    request by request in alternation, so that both meet the same service state."""
-    record_timing()
-    with reference_service() as (base_url, token):
-        client = SignalServiceClient(base_url, token)
-        client.submit_signal(GRAPH, "top300", **signal_arguments(0))  # the catalog, fetched once
-        # Bodies for the bare loop, built by the client itself so that they have the same shape
-        # and size, with fresh keys so that no request is an idempotent replay.
-        capture = CapturingTransport()
-        capturing = SignalServiceClient(base_url, token, transport=capture)
-        capturing._era_catalog_cache = client._era_catalog_cache
-        for i in range(count + 1, 2 * count + 1):
-            capturing.submit_signal(GRAPH, "top300", **signal_arguments(i))
-        headers = {"Authorization": "Bearer " + token, "Content-Type": "application/json"}
-        client_seconds = bare_seconds = 0.0
-        with httpx.Client(base_url=base_url) as bare:
-            for i, body in enumerate(capture.bodies, start=1):
-                started = time.perf_counter()
-                assert client.submit_signal(GRAPH, "top300", **signal_arguments(i)).error is None
-                middle = time.perf_counter()
-                key = {"Idempotency-Key": json.loads(body)["idempotency_key"]}
-                response = bare.post("/signals/submit", content=body, headers={**headers, **key})
-                assert response.status_code == 202, response.text
-                response.json()
-                ended = time.perf_counter()
-                client_seconds += middle - started
-                bare_seconds += ended - middle
-        client.close()
-    return count / client_seconds, count / bare_seconds
-
-
-# ---- 3. a 10,000-signal batch ------------------------------------------------------------------------
+# ---- 2. a 10,000-signal batch ------------------------------------------------------------------------
 
 
 class Batch:
@@ -208,21 +153,109 @@ class Batch:
         return Floor(transport.bodies)
 
 
+# ---- 3. end to end against the reference service -----------------------------------------------
+
+
+@contextmanager
+def reference_service() -> Iterator[tuple[str, str]]:
+    token = "bench-token"
+    with tempfile.TemporaryDirectory() as directory:
+        ready = Path(directory) / "ready"
+        # A slow lifecycle clock keeps the service's worker idle during the run.
+        server = subprocess.Popen(
+            [sys.executable, "-m", "tallowmere", "serve", "--port", "0", "--db", str(Path(directory) / "bench.db"),
+             "--token", token, "--speed", "0.001", "--ready-file", str(ready)],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+        )  # fmt: skip
+        try:
+            deadline = time.monotonic() + 60
+            while not (ready.exists() and ready.read_text().strip()):
+                if server.poll() is not None or time.monotonic() > deadline:
+                    raise RuntimeError("the reference service did not start")
+                time.sleep(0.05)
+            yield ready.read_text().strip(), token
+        finally:
+            server.terminate()
+            server.wait(timeout=30)
+
+
+class EndToEnd:
+    """A client and a bare httpx loop against one service; each round sends
+    ``count`` submissions with each, request by request in alternation, so
+    that both meet the same service state and the same load of the machine.
+
+    The bare loop posts bodies the client itself built (with fresh keys, so
+    that no request is an idempotent replay): the same shape and size, without
+    the client's local work. ``first_signal`` keeps the signals of different
+    rounds and processes apart."""
+
+    def __init__(self, base_url: str, token: str, first_signal: int) -> None:
+        record_timing()
+        self.base_url, self.token = base_url, token
+        self.next_signal = first_signal
+        self.client = SignalServiceClient(base_url, token)
+        self.client.submit_signal(GRAPH, "top300", **signal_arguments(self.take()))  # the catalog, fetched once
+        self.bare = httpx.Client(base_url=base_url)
+
+    def take(self) -> int:
+        self.next_signal += 1
+        return self.next_signal
+
+    def round(self, count: int) -> tuple[float, float]:
+        """Seconds per submission of the client and of the bare loop."""
+        capture = CapturingTransport()
+        capturing = SignalServiceClient(self.base_url, self.token, transport=capture)
+        capturing._era_catalog_cache = self.client._era_catalog_cache
+        for _ in range(count):
+            capturing.submit_signal(GRAPH, "top300", **signal_arguments(self.take()))
+        headers = {"Authorization": "Bearer " + self.token, "Content-Type": "application/json"}
+        client_seconds = bare_seconds = 0.0
+        for body in capture.bodies:
+            arguments = signal_arguments(self.take())
+            started = time.perf_counter()
+            assert self.client.submit_signal(GRAPH, "top300", **arguments).error is None
+            middle = time.perf_counter()
+            key = {"Idempotency-Key": json.loads(body)["idempotency_key"]}
+            response = self.bare.post("/signals/submit", content=body, headers={**headers, **key})
+            assert response.status_code == 202, response.text
+            response.json()
+            ended = time.perf_counter()
+            client_seconds += middle - started
+            bare_seconds += ended - middle
+        return client_seconds / count, bare_seconds / count
+
+    def close(self) -> None:
+        self.client.close()
+        self.bare.close()
+
+
 # ---- the plain-Python siblings, in a worker process --------------------------------------------------
 
 
-def sizes(quick: bool) -> tuple[int, int]:
-    """Submissions per round of row 1, and signals of the batch."""
-    return (300, 1000) if quick else (3000, 10_000)
+def sizes(quick: bool) -> tuple[int, int, int]:
+    """Submissions per round of row 1, signals of the batch, submissions per round of row 3."""
+    return (300, 1000, 100) if quick else (3000, 10_000, 300)
 
 
 def serve_rounds(quick: bool) -> None:
-    """The worker: answers each line naming a row ("single", "batch") with one round's seconds per item."""
-    single_count, batch_count = sizes(quick)
-    rows = {"single": SingleSubmission(single_count), "batch": Batch(batch_count)}
+    """The worker: answers each line naming a row with one round's figures.
+
+    "single" and "batch" answer seconds per item; "loopback <url> <token>"
+    answers [client, bare] seconds per submission."""
+    single_count, batch_count, loopback_count = sizes(quick)
+    rows: dict[str, Any] = {"single": SingleSubmission(single_count), "batch": Batch(batch_count)}
+    loopback: EndToEnd | None = None
     print(json.dumps({"accelerated": _accelerate.ACCELERATED}), flush=True)
     for line in sys.stdin:
-        print(json.dumps(rows[line.strip()].round()), flush=True)
+        row, *arguments = line.split()
+        if row == "loopback":
+            if loopback is None:
+                loopback = EndToEnd(arguments[0], arguments[1], first_signal=50_000_000)
+            print(json.dumps(loopback.round(loopback_count)), flush=True)
+        else:
+            print(json.dumps(rows[row].round()), flush=True)
+    if loopback is not None:
+        loopback.close()
 
 
 class PurePythonWorker:
@@ -238,15 +271,18 @@ class PurePythonWorker:
         if json.loads(self.stdout.readline())["accelerated"]:
             raise RuntimeError("the worker did not switch the compiled siblings off")
 
-    def round(self, row: str) -> float:
-        self.stdin.write(row + "\n")
+    def ask(self, line: str) -> Any:
+        self.stdin.write(line + "\n")
         self.stdin.flush()
-        seconds: float = json.loads(self.stdout.readline())
+        return json.loads(self.stdout.readline())
+
+    def round(self, row: str) -> float:
+        seconds: float = self.ask(row)
         return seconds
 
     def close(self) -> None:
         self.stdin.close()
-        self.process.wait(timeout=60)
+        self.process.wait(timeout=120)
 
 
 def side_by_side(rounds: int, *measurements: Callable[[], float]) -> list[float]:
@@ -256,6 +292,36 @@ def side_by_side(rounds: int, *measurements: Callable[[], float]) -> list[float]
         for index, measure in enumerate(measurements):
             best[index] = min(best[index], measure())
     return best
+
+
+@dataclass
+class Loopback:
+    """The best rounds of a client and of its bare loop: seconds per submission."""
+
+    client: float = float("inf")
+    bare: float = float("inf")
+
+    def take(self, client: float, bare: float) -> None:
+        self.client, self.bare = min(self.client, client), min(self.bare, bare)
+
+    @property
+    def ratio(self) -> float:
+        return self.bare / self.client
+
+
+def bench_end_to_end(worker: PurePythonWorker, rounds: int, count: int) -> tuple[Loopback, Loopback]:
+    """The compiled client (here) and the plain-Python one (in the worker), each
+    alternating with its bare loop, round by round in turns."""
+    compiled, plain = Loopback(), Loopback()
+    with reference_service() as (base_url, token):
+        here = EndToEnd(base_url, token, first_signal=0)
+        try:
+            for _ in range(rounds):
+                compiled.take(*here.round(count))
+                plain.take(*worker.ask(f"loopback {base_url} {token}"))
+        finally:
+            here.close()
+    return compiled, plain
 
 
 # ---- 4. import time ------------------------------------------------------------------------------------
@@ -292,7 +358,7 @@ def main() -> None:
     if not _accelerate.ACCELERATED:
         raise SystemExit(f"the compiled siblings are off here; unset {_accelerate.PURE_PYTHON_VARIABLE}")
 
-    single_count, batch_count = sizes(quick)
+    single_count, batch_count, loopback_count = sizes(quick)
     worker = PurePythonWorker(quick)
     try:
         single = SingleSubmission(single_count)
@@ -302,20 +368,23 @@ def main() -> None:
         batch = Batch(batch_count)
         batch_on, batch_off, batch_floor = side_by_side(2 if quick else 4, batch.round, lambda: worker.round("batch"),
                                                         batch.floor().round)  # fmt: skip
+        compiled, plain = bench_end_to_end(worker, 2 if quick else 5, loopback_count)
     finally:
         worker.close()
-    client_rate, bare_rate = bench_end_to_end(200 if quick else 1500)
     ours, httpx_alone = bench_import(5 if quick else 15)
 
     def timed(on: float, off: float, floor: float) -> list[str]:
         return [f"{on * 1e6:.1f} us ({on / floor:.2f}x)", f"{off * 1e6:.1f} us ({off / floor:.2f}x)",
                 f"{floor * 1e6:.1f} us"]  # fmt: skip
 
+    def rate(loopback: Loopback) -> str:
+        return f"{1 / loopback.client:.0f}/s ({loopback.ratio:.3f} of bare)"
+
     rows = [
         ["submit_signal, in-memory transport", *timed(single_on, single_off, single_floor), "at most 1.6x floor"],
         [f"{batch_count:,}-signal batch, per item", *timed(batch_on, batch_off, batch_floor), "at most 1.4x floor"],
-        ["submissions/s over loopback", f"{client_rate:.0f}/s ({client_rate / bare_rate:.2f} of bare)", "",
-         f"{bare_rate:.0f}/s bare httpx", "at least 0.97 of bare"],
+        ["submissions/s over loopback", rate(compiled), rate(plain), f"{1 / compiled.bare:.0f}/s bare httpx",
+         "at least 0.97 of bare"],
         ["import tallowmere.submit", f"{ours * 1e3:.0f} ms ({ours / httpx_alone:.2f}x)", "",
          f"{httpx_alone * 1e3:.0f} ms httpx alone", ""],
     ]  # fmt: skip

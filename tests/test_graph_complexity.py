@@ -86,6 +86,16 @@ def test_node_containing_itself_is_refused(impl: Any) -> None:
         impl.graph_fingerprint(graph)
 
 
+@pytest.mark.parametrize(("depth", "back_to"), [(30, 0), (30, 27), (60, 40)])
+def test_deep_cycle_is_refused_wherever_it_closes(impl: Any, depth: int, back_to: int) -> None:
+    nodes: list[dict[str, Any]] = [{"op": "neg"} for _ in range(depth)]
+    for parent, child in zip(nodes, nodes[1:]):
+        parent["args"] = [child]
+    nodes[-1]["args"] = [nodes[back_to]]
+    with pytest.raises(ValueError, match="cannot be fingerprinted: Circular reference"):
+        impl.graph_fingerprint(nodes[0])
+
+
 def test_fingerprint_sees_every_value_and_refuses_non_json(impl: Any) -> None:
     graph = {"op": "ts_mean", "window": 20, "args": [{"op": "close"}]}
     assert impl.graph_fingerprint(graph) != impl.graph_fingerprint({**graph, "window": 20.0})

@@ -9,6 +9,7 @@ from __future__ import annotations
 
 import ctypes
 import gc
+import json
 import logging
 import sys
 from collections.abc import Callable, Iterator
@@ -89,6 +90,41 @@ BATCH_ANSWER = json_answer(207, {"results": [{"index": 0, "status_code": 202, "b
                                              {"index": 1, "status_code": 409, "body": {"reason": "dup"}}]})  # fmt: skip
 
 
+class Overriding(SignalServiceClient):
+    """Overrides reached through self and cls, each doing the client's own work."""
+
+    def _fetch_era_catalog(self) -> Any:
+        return super()._fetch_era_catalog()
+
+    @staticmethod
+    def _submit_result_from_body(status_code: int, body: dict[str, Any]) -> Any:
+        return SignalServiceClient._submit_result_from_body(status_code, body)
+
+    @staticmethod
+    def _batch_item_result_from_body(item: dict[str, Any]) -> Any:
+        return SignalServiceClient._batch_item_result_from_body(item)
+
+
+def overriding_client(**answers: Any) -> SignalServiceClient:
+    client = Overriding("http://127.0.0.1:9", "token", transport=StaticTransport(answers))
+    client._idempotency_key_for_body = SignalServiceClient._idempotency_key_for_body  # type: ignore[method-assign]
+    return client
+
+
+def with_json_dumps_replaced(call: Callable[[], Any]) -> Callable[[], None]:
+    """The call made while json.dumps is a wrapper (the client then calls it as written)."""
+
+    def run() -> None:
+        original = json.dumps
+        json.dumps = lambda *args, **kwargs: original(*args, **kwargs)
+        try:
+            call()
+        finally:
+            json.dumps = original
+
+    return run
+
+
 def expect(error: type[BaseException], call: Callable[[], Any]) -> Callable[[], None]:
     def run() -> None:
         try:
@@ -117,6 +153,18 @@ OPERATIONS: dict[str, Callable[[], Any]] = {
     "strategy": lambda: client_for(**{"/strategies/submit": json_answer(202, {"submission_id": "t"})})
     .submit_strategy(GRAPH, "top300", strategy_pool_name="p", market_id=1, era_number=3),
     "batch": lambda: client_for(**{"/signals/batch": BATCH_ANSWER}).submit_signals_batch(ITEMS),
+    "batch in chunks": lambda: client_for(**{"/signals/batch": BATCH_ANSWER}).submit_signals_batch(ITEMS * 40),
+    "overridden members": lambda: (
+        overriding_client(**{"/signals/submit": json_answer(202, {"submission_id": "s"})})
+        .submit_signal(GRAPH, "top300", **signal_kwargs()),
+        overriding_client(**{"/signals/batch": BATCH_ANSWER}).submit_signals_batch(ITEMS)),
+    "json.dumps replaced": with_json_dumps_replaced(
+        lambda: client_for(**{"/signals/submit": json_answer(202, {"submission_id": "s"})})
+        .submit_signal(GRAPH, "top300", **signal_kwargs())),
+    "bodies written in place": lambda: (
+        SignalServiceClient._idempotency_key_for_body({"a": [1.5, "é", 2**80, None, {"b": True}]}),
+        expect(ValueError, lambda: SignalServiceClient._idempotency_key_for_body({"a": float("nan")}))(),
+        expect(TypeError, lambda: SignalServiceClient._idempotency_key_for_body({"a": object()}))()),
     "batch transport failure": lambda: client_for(**{"/signals/batch": httpx.ReadTimeout("")})
     .submit_signals_batch(ITEMS),
     "status": lambda: client_for(**{"/signals/status/s%2F1": json_answer(200, {"status": "signal_found",

@@ -2,9 +2,11 @@
 // before anything is sent, then one request to signals/batch or chunks of
 // _SIGNALS_BATCH_CLIENT_CHUNK_SIZE bodies, merged into one BatchSubmitResult
 // that accounts for every item even when a chunk fails.
+#include "calls.hpp"
 #include "common.hpp"
 #include "core/function.hpp"
 #include "core/python.hpp"
+#include "dispatch.hpp"
 #include "members.hpp"
 #include "request_errors.hpp"
 
@@ -77,7 +79,7 @@ Ref batch_result_from_body(const Module& m, const Ref& cls, const Ref& status_co
     Ref results = new_list();
     if (is_list(raw_results)) {
         for_each(raw_results, [&](const Ref& element) {
-            if (is_dict(element)) list_append(results, call_method(cls, n._batch_item_result_from_body, element));
+            if (is_dict(element)) list_append(results, calls::batch_item_result_from_body(m, cls, element));
         });
     }
     Ref accepted = mapping_get(m, body, n.accepted);
@@ -122,7 +124,7 @@ Ref batch_http_status_for_items(const Module& m, const Ref& results) {
 Ref synthesised_results(const Module& m, const Ref& cls, const Ref& results) {
     Ref items = new_list();
     for_each(results, [&](const Ref& item) {
-        list_append(items, call_method(cls, m.n._batch_body_item_from_result, item));
+        list_append(items, calls::batch_body_item_from_result(m, cls, item));
     });
     return items;
 }
@@ -146,7 +148,7 @@ Ref combine_batch_chunk_results(const Module& m, const Ref& cls, const Ref& chun
     Ref zero = integer(0);
     Ref status_code;
     if (PyList_GET_SIZE(results.get()) > 0) {
-        status_code = call_method(cls, n._batch_http_status_for_items, results);
+        status_code = calls::batch_http_status_for_items(m, cls, results);
     } else if (equals(failed, zero)) {
         status_code = integer(batch_accepted_status);
     } else if (equals(accepted, zero) && PySet_GET_SIZE(chunk_statuses.get()) == 1) {
@@ -213,7 +215,7 @@ constexpr auto batch_result_from_response_error_signature =
               param("cls"), param("exc"));
 
 Ref batch_result_from_response_error(const Module& m, const Ref& cls, const Ref& exc) {
-    auto [error, body] = unpack_pair(call_method(cls, m.n._error_body_from_response_error, exc));
+    auto [error, body] = unpack_pair(calls::error_body_from_response_error(m, cls, exc));
     Ref zero = integer(0);
     return batch_result(m, getattr(exc, m.n.status_code), body, zero, zero, new_list(), error);
 }
@@ -241,54 +243,53 @@ constexpr auto submit_signals_batch_signature = signature(
 // its universe validated and its pool checked.
 Ref validated_body(const Module& m, const Ref& item) {
     const Names& n = m.n;
-    Ref body = call(Borrowed(reinterpret_cast<PyObject*>(&PyDict_Type)), item);
-    call_global(m, n._reject_retired_universe_aliases, body);
+    Ref body = dict_copy(item);
+    calls::reject_retired_universe_aliases(m, body);
     if (contains(body, Borrowed(n.threshold_checks)) || contains(body, Borrowed(n.thresholds))) {
         raise_value_error(caller_thresholds_message);
     }
-    Ref named_universe = call_global(m, n._validate_named_universe, mapping_get(m, body, n.named_universe));
+    Ref named_universe = calls::validate_named_universe(m, mapping_get(m, body, n.named_universe));
     set_item(body, Borrowed(n.named_universe), named_universe);
-    call_global(m, n._validate_selected_pool_name, mapping_get(m, body, n.signal_pool_name),
-                Borrowed(n.signal_pool_name));
+    calls::validate_selected_pool_name(m, mapping_get(m, body, n.signal_pool_name), n.signal_pool_name);
     return body;
 }
 
 // The second pass over one body: era, thresholds, contract, gates, key.
-void prepare_body(const Module& m, const Ref& self, const Ref& body) {
+// `graph_entry` is the graph entry the timing lookup made for the body's
+// graph (or empty).
+void prepare_body(const Module& m, const Ref& self, const Ref& body, const Ref& graph_entry) {
     const Names& n = m.n;
     Ref named_universe = get_item(body, Borrowed(n.named_universe));
     Ref signal_pool_name = mapping_get(m, body, n.signal_pool_name);
-    Ref thresholds = call_method_kw(self, n._resolve_submit_thresholds, {named_universe, signal_pool_name},
-                                    {{n.market_id, mapping_get(m, body, n.market_id)},
-                                     {n.era_number, mapping_get(m, body, n.era_number)}});
-    Ref catalog = call_method(self, n._fetch_era_catalog);
-    Ref submit_era = call_global_kw(m, n._required_active_submit_era, {catalog},
-                                    {{n.market_id, mapping_get(m, body, n.market_id)},
-                                     {n.era_number, mapping_get(m, body, n.era_number)}});
-    set_item(body, Borrowed(n.market_id), call_global(m, n._required_positive_era_int, submit_era, Borrowed(n.market_id)));
-    set_item(body, Borrowed(n.era_number),
-             call_global(m, n._required_positive_era_int, submit_era, Borrowed(n.era_number)));
+    Ref thresholds = calls::resolve_submit_thresholds(m, self, named_universe, signal_pool_name,
+                                                      mapping_get(m, body, n.market_id),
+                                                      mapping_get(m, body, n.era_number));
+    Ref catalog = calls::fetch_era_catalog(m, self);
+    Ref submit_era = calls::required_active_submit_era(m, catalog, mapping_get(m, body, n.market_id),
+                                                       mapping_get(m, body, n.era_number));
+    set_item(body, Borrowed(n.market_id), calls::required_positive_era_int(m, submit_era, n.market_id));
+    set_item(body, Borrowed(n.era_number), calls::required_positive_era_int(m, submit_era, n.era_number));
     if (mapping_get(m, body, n.client_manifest_market_id).is_none()) {
         set_item(body, Borrowed(n.client_manifest_market_id), get_item(body, Borrowed(n.market_id)));
     }
     if (mapping_get(m, body, n.client_manifest_era_number).is_none()) {
         set_item(body, Borrowed(n.client_manifest_era_number), get_item(body, Borrowed(n.era_number)));
     }
-    call_method_kw(self, n._validate_submission_contract,
-                   {mapping_get(m, body, n.signal_pool_name), mapping_get(m, body, n.is_stats), mapping_get(m, body, n.is_pnl_mi),
-                    mapping_get(m, body, n.expression_elapsed_seconds)},
-                   {{n.thresholds, thresholds},
-                    {n.client_manifest_version, mapping_get(m, body, n.client_manifest_version)},
-                    {n.client_manifest_market_id, mapping_get(m, body, n.client_manifest_market_id)},
-                    {n.client_manifest_era_number, mapping_get(m, body, n.client_manifest_era_number)}});
-    Ref complexity = call_global(m, n._enforce_graph_complexity_for_submit, mapping_get(m, body, n.graph), submit_era);
-    call_global(m, n._enforce_recorded_backtest_timing_for_submit, mapping_get(m, body, n.graph), submit_era);
+    calls::validate_submission_contract(
+        m, self, mapping_get(m, body, n.signal_pool_name), mapping_get(m, body, n.is_stats),
+        mapping_get(m, body, n.is_pnl_mi), mapping_get(m, body, n.expression_elapsed_seconds), thresholds,
+        mapping_get(m, body, n.client_manifest_version), mapping_get(m, body, n.client_manifest_market_id),
+        mapping_get(m, body, n.client_manifest_era_number));
+    Ref complexity = calls::enforce_graph_complexity_for_submit(m, mapping_get(m, body, n.graph), submit_era);
+    Ref graph = mapping_get(m, body, n.graph);
+    calls::enforce_recorded_backtest_timing_for_submit(m, graph, submit_era, graph_entry);
     set_item(body, Borrowed(n.graph_depth), getattr(complexity, n.depth));
     set_item(body, Borrowed(n.graph_node_count), getattr(complexity, n.node_count));
-    set_item(body, Borrowed(n.is_stats),
-             call_global(m, n._submission_is_stats_payload, get_item(body, Borrowed(n.is_stats))));
+    set_item(body, Borrowed(n.is_stats), calls::submission_is_stats_payload(m, get_item(body, Borrowed(n.is_stats))));
     if (!contains(body, Borrowed(n.idempotency_key))) {
-        set_item(body, Borrowed(n.idempotency_key), call_method(self, n._idempotency_key_for_body, body));
+        GraphAndEntry known{graph, graph_entry};
+        set_item(body, Borrowed(n.idempotency_key),
+                 calls::idempotency_key_for_body(m, self, body, graph_entry ? &known : nullptr));
     }
 }
 
@@ -314,13 +315,28 @@ Ref submit_signals_batch(const Module& m, const Ref& self, const Ref& submission
         list_append(graphs, mapping_get(m, body, n.graph));
         list_append(validated_bodies, body);
     });
-    call_method(m.global(n._backtest_timing), n.require_recorded_backtest_timings, graphs);
+    // One graph entry per body when the compiled lookup ran, for its
+    // consumption and its key.
+    Ref graph_entries;
+    calls::require_recorded_backtest_timings(m, graphs, &graph_entries);
+    bool have_entries = graph_entries && PyList_CheckExact(graph_entries.get()) &&
+                        PyList_GET_SIZE(graph_entries.get()) == PyList_GET_SIZE(graphs.get());
+    graphs = Ref();
 
     Ref prepared = new_list();
+    Py_ssize_t position = 0;
     for_each(validated_bodies, [&](const Ref& body) {
-        prepare_body(m, self, body);
+        Ref entry;
+        if (have_entries && position < PyList_GET_SIZE(graph_entries.get())) {
+            entry = Ref(Borrowed(PyList_GET_ITEM(graph_entries.get(), position)));
+            // Its place is emptied as it is used: entries last no longer than their body's preparation.
+            check_status(PyList_SetItem(graph_entries.get(), position, Ref(none()).release()));
+        }
+        ++position;
+        prepare_body(m, self, body, entry);
         list_append(prepared, body);
     });
+    graph_entries = Ref();
 
     Ref chunk_size = m.global(n._SIGNALS_BATCH_CLIENT_CHUNK_SIZE);
     Ref total = integer(PyList_GET_SIZE(prepared.get()));
@@ -328,23 +344,23 @@ Ref submit_signals_batch(const Module& m, const Ref& self, const Ref& submission
     // One request (or one chunk of them): the result its failure maps to, or
     // nothing when it answered.
     auto send = [&](const Ref& bodies, Ref& status_code, Ref& resp_body) {
+        Ref document = signals_document(m, bodies);
         return request_or_mapped_failure(
-            m, self, {Borrowed(n.POST), Borrowed(n.signals_batch), signals_document(m, bodies)}, status_code,
+            m, [&] { return calls::canonical_request(m, self, n.POST, n.signals_batch, document); }, status_code,
             resp_body, MappedStatuses::client_errors,
-            [&](const Ref& exc) { return call_method(self, n._batch_result_from_transport_error, exc); },
+            [&](const Ref& exc) { return calls::batch_result_from_transport_error(m, self, exc); },
             [&](const Ref& exc) {
                 Ref body = getattr(exc, n.body);
                 if (!truthy(body)) body = new_dict();
-                return call_method_kw(self, n._batch_result_from_body, {getattr(exc, n.status_code), body},
-                                      {{n.error, getattr(exc, n.reason)}});
+                return calls::batch_result_from_body(m, self, getattr(exc, n.status_code), body, getattr(exc, n.reason));
             },
-            [&](const Ref& exc) { return call_method(self, n._batch_result_from_response_error, exc); });
+            [&](const Ref& exc) { return calls::batch_result_from_response_error(m, self, exc); });
     };
 
     if (compare(total, chunk_size, Py_LE)) {
         Ref status_code, resp_body;
         if (std::optional<Ref> failure = send(prepared, status_code, resp_body)) return *failure;
-        return call_method(self, n._batch_result_from_body, status_code, resp_body);
+        return calls::batch_result_from_body(m, self, status_code, resp_body);
     }
 
     Ref chunk_results = new_list(), prior_results = new_list();
@@ -355,19 +371,94 @@ Ref submit_signals_batch(const Module& m, const Ref& self, const Ref& submission
         Ref chunk = get_item(prepared, bounds);
         Ref status_code, resp_body;
         if (std::optional<Ref> failure = send(chunk, status_code, resp_body)) {
-            return call_method(self, n._batch_result_with_partial_failure, *failure, prior_results, total);
+            return calls::batch_result_with_partial_failure(m, self, *failure, prior_results, total);
         }
-        Ref chunk_result = call_method(self, n._batch_result_from_body, status_code, resp_body);
-        call_method(self, n._rebase_batch_item_indices, chunk_result, start);
+        Ref chunk_result = calls::batch_result_from_body(m, self, status_code, resp_body);
+        calls::rebase_batch_item_indices(m, self, chunk_result, start);
         list_append(chunk_results, chunk_result);
         list_extend(prior_results, getattr(chunk_result, n.results));
         return std::nullopt;
     });
     if (partial_failure) return *partial_failure;
-    return call_method(self, n._combine_batch_chunk_results, chunk_results);
+    return calls::combine_batch_chunk_results(m, self, chunk_results);
 }
 
 }  // namespace
+
+namespace calls {
+
+Ref batch_item_result_from_body(const Module& m, const Ref& cls, const Ref& item) {
+    return through_attribute(
+        m, Own::batch_item_result_from_body, cls, m.n._batch_item_result_from_body,
+        [&](const Ref&) { return tallowmere::batch_item_result_from_body(m, item); },
+        [&](const FoundMethod& found) { return call_found(found, cls, {item}); });
+}
+
+Ref batch_result_from_body(const Module& m, const Ref& self, const Ref& status_code, const Ref& body, const Ref& error) {
+    return through_attribute(
+        m, Own::batch_result_from_body, self, m.n._batch_result_from_body,
+        [&](const Ref& cls) {
+            return tallowmere::batch_result_from_body(m, cls, status_code, body, error ? error : Ref(none()));
+        },
+        [&](const FoundMethod& found) {
+            return error ? call_found(found, self, {status_code, body}, {{m.n.error, error}})
+                         : call_found(found, self, {status_code, body});
+        });
+}
+
+Ref batch_body_item_from_result(const Module& m, const Ref& cls, const Ref& item) {
+    return through_attribute(
+        m, Own::batch_body_item_from_result, cls, m.n._batch_body_item_from_result,
+        [&](const Ref&) { return tallowmere::batch_body_item_from_result(m, item); },
+        [&](const FoundMethod& found) { return call_found(found, cls, {item}); });
+}
+
+Ref batch_http_status_for_items(const Module& m, const Ref& cls, const Ref& results) {
+    return through_attribute(
+        m, Own::batch_http_status_for_items, cls, m.n._batch_http_status_for_items,
+        [&](const Ref&) { return tallowmere::batch_http_status_for_items(m, results); },
+        [&](const FoundMethod& found) { return call_found(found, cls, {results}); });
+}
+
+Ref combine_batch_chunk_results(const Module& m, const Ref& self, const Ref& chunk_results) {
+    return through_attribute(
+        m, Own::combine_batch_chunk_results, self, m.n._combine_batch_chunk_results,
+        [&](const Ref& cls) { return tallowmere::combine_batch_chunk_results(m, cls, chunk_results); },
+        [&](const FoundMethod& found) { return call_found(found, self, {chunk_results}); });
+}
+
+Ref batch_result_with_partial_failure(const Module& m, const Ref& self, const Ref& failure, const Ref& prior_results,
+                                      const Ref& total_count) {
+    return through_attribute(
+        m, Own::batch_result_with_partial_failure, self, m.n._batch_result_with_partial_failure,
+        [&](const Ref& cls) {
+            return tallowmere::batch_result_with_partial_failure(m, cls, failure, prior_results, total_count);
+        },
+        [&](const FoundMethod& found) { return call_found(found, self, {failure, prior_results, total_count}); });
+}
+
+Ref rebase_batch_item_indices(const Module& m, const Ref& self, const Ref& result, const Ref& index_offset) {
+    return through_attribute(
+        m, Own::rebase_batch_item_indices, self, m.n._rebase_batch_item_indices,
+        [&](const Ref&) { return tallowmere::rebase_batch_item_indices(m, result, index_offset); },
+        [&](const FoundMethod& found) { return call_found(found, self, {result, index_offset}); });
+}
+
+Ref batch_result_from_response_error(const Module& m, const Ref& self, const Ref& exc) {
+    return through_attribute(
+        m, Own::batch_result_from_response_error, self, m.n._batch_result_from_response_error,
+        [&](const Ref& cls) { return tallowmere::batch_result_from_response_error(m, cls, exc); },
+        [&](const FoundMethod& found) { return call_found(found, self, {exc}); });
+}
+
+Ref batch_result_from_transport_error(const Module& m, const Ref& self, const Ref& exc) {
+    return through_attribute(
+        m, Own::batch_result_from_transport_error, self, m.n._batch_result_from_transport_error,
+        [&](const Ref&) { return tallowmere::batch_result_from_transport_error(m, exc); },
+        [&](const FoundMethod& found) { return call_found(found, self, {exc}); });
+}
+
+}  // namespace calls
 
 namespace members::client {
 const Member batch_item_result_from_body =

@@ -1,9 +1,13 @@
 // SignalServiceClient's core: construction, closing, and the one request path
 // (_canonical_request) that every public method takes, over either its own
 // httpx.Client or the transport object a caller supplies.
+#include "calls.hpp"
 #include "core/function.hpp"
 #include "core/python.hpp"
+#include "dispatch.hpp"
 #include "members.hpp"
+#include "request_path.hpp"
+#include "standard.hpp"
 
 namespace tallowmere {
 
@@ -59,8 +63,7 @@ Ref response_content(const Module& m, Borrowed, const Ref& response) {
     if (is_str(body_text)) return call_method(body_text, n.encode, Borrowed(n.utf_8));
     if (!hasattr(response, n.json)) return Ref::checked(PyBytes_FromStringAndSize("", 0));
     Ref decoded = call_method(response, n.json);
-    Ref serialised = call_method(m.global(n.json), n.dumps, decoded);
-    return call_method(serialised, n.encode, Borrowed(n.utf_8));
+    return json_dumps_bytes(m, decoded);
 }
 
 // The path and query of `url` as httpx.URL gives them ("/" when empty).
@@ -93,8 +96,10 @@ constexpr auto transport_request_signature =
     signature("SignalServiceClient._transport_request", Binding::instance_method, nullptr, param("method"),
               param("url"), param("headers"), param("body_content"));
 
-Ref transport_request(const Module& m, const Ref& self, const Ref& method, const Ref& url, const Ref& headers,
-                      const Ref& body_content) {
+}  // namespace
+
+Ref send_through_client(const Module& m, const Ref& self, const Ref& method, const Ref& url, const Ref& headers,
+                        const Ref& body_content) {
     const Names& n = m.n;
     Ref path = request_path(m, url);
 
@@ -111,8 +116,15 @@ Ref transport_request(const Module& m, const Ref& self, const Ref& method, const
         raise_value_error(concat({text("Unsupported HTTP method: "), format(method)}));
     }
     Ref status_code = getattr(response, n.status_code);
-    Ref content = call_method(self, n._response_content, response);
+    Ref content = calls::response_content(m, self, response);
     return new_tuple({status_code, content});
+}
+
+namespace {
+
+Ref transport_request(const Module& m, const Ref& self, const Ref& method, const Ref& url, const Ref& headers,
+                      const Ref& body_content) {
+    return send_through_client(m, self, method, url, headers, body_content);
 }
 
 // The `get_token` callable _canonical_request hands to _request_json: reads
@@ -128,16 +140,64 @@ constexpr auto canonical_request_signature =
     signature("SignalServiceClient._canonical_request", Binding::instance_method, nullptr, param("method"),
               param("endpoint"), param("body", none_default));
 
+Ref make_get_token(const Module& m, const Ref& self) {
+    Ref token_source = new_tuple({self, Borrowed(m.n._jwt_token)});
+    return Ref::checked(PyCFunction_New(&read_token_def, token_source.get()));
+}
+
+// The request function as self._transport_request gives it.
+Ref request_function(const FoundMethod& found, const Ref& self) {
+    if (found.unbound) return Ref::checked(PyMethod_New(found.callable.get(), self.get()));
+    return found.callable;
+}
+
 Ref canonical_request(const Module& m, const Ref& self, const Ref& method, const Ref& endpoint, const Ref& body) {
     const Names& n = m.n;
-    Ref token_source = new_tuple({self, Borrowed(n._jwt_token)});
-    Ref get_token = Ref::checked(PyCFunction_New(&read_token_def, token_source.get()));
-    return call_global_kw(m, n._request_json, {method, endpoint, get_token, getattr(self, n._base_url), body},
-                          {{n.request_func, getattr(self, n._transport_request)},
-                           {n.transmission_observer, getattr(self, n._transmission_observer)}});
+    // Read in the order the call reads them: self._base_url,
+    // self._transport_request, self._transmission_observer, then _request_json.
+    Ref base_url = getattr(self, n._base_url);
+    FoundMethod transport = find_method(self, n._transport_request);
+    Ref observer = getattr(self, n._transmission_observer);
+    PyObject* request_json = global_now(m, n._request_json);
+    Ref sender;
+    if (request_json == own(m, Own::request_json)) {
+        bool own_transport = resolves_to_own(m, Own::transport_request, transport, self, &sender);
+        Ref request_func = own_transport ? Ref() : request_function(transport, self);
+        // get_token reads self._jwt_token when it is called: the client stands in for it.
+        RequestParties parties{nullptr, &self, own_transport ? nullptr : &request_func, &sender};
+        return request_json_for(m, method, endpoint, parties, base_url, body, observer);
+    }
+    Ref callable{Borrowed(request_json)};
+    Ref get_token = make_get_token(m, self);
+    return call_kw(callable, {method, endpoint, get_token, base_url, body},
+                   {{n.request_func, request_function(transport, self)}, {n.transmission_observer, observer}});
 }
 
 }  // namespace
+
+namespace calls {
+
+Ref response_content(const Module& m, const Ref& self, const Ref& response) {
+    return through_attribute(
+        m, Own::response_content, self, m.n._response_content,
+        [&](const Ref& client) { return tallowmere::response_content(m, client, response); },
+        [&](const FoundMethod& found) { return call_found(found, self, {response}); });
+}
+
+Ref canonical_request(const Module& m, const Ref& self, PyObject* method, PyObject* endpoint, const Ref& body) {
+    Ref method_text{Borrowed(method)}, endpoint_text{Borrowed(endpoint)};
+    return through_attribute(
+        m, Own::canonical_request, self, m.n._canonical_request,
+        [&](const Ref& client) {
+            return tallowmere::canonical_request(m, client, method_text, endpoint_text, body ? body : Ref(none()));
+        },
+        [&](const FoundMethod& found) {
+            return body ? call_found(found, self, {method_text, endpoint_text, body})
+                        : call_found(found, self, {method_text, endpoint_text});
+        });
+}
+
+}  // namespace calls
 
 namespace members::client {
 const Member init = member<init_signature, tallowmere::init>();

@@ -3,10 +3,13 @@
 // the era's threshold gates, the expression timing and the manifest integers.
 // Every refusal is a ValueError with a fixed text. Also the idempotency key a
 // body gets when its caller supplies none.
+#include "calls.hpp"
 #include "common.hpp"
 #include "core/function.hpp"
 #include "core/python.hpp"
+#include "dispatch.hpp"
 #include "members.hpp"
+#include "standard.hpp"
 
 namespace tallowmere {
 
@@ -21,9 +24,8 @@ constexpr auto mi_contract_json_value_signature =
 
 Ref mi_contract_json_value(const Module& m, const Ref& value) {
     const Names& n = m.n;
-    Ref v = call_global(m, n._coerce_mi_contract_value, value);
-    Ref math = m.global(n.math);
-    if (truthy(call_method(math, n.isinf, v))) {
+    Ref v = calls::coerce_mi_contract_value(m, value);
+    if (math_isinf(m, v)) {
         Ref zero = integer(0);
         if (compare(v, zero, Py_LT)) raise_value_error(mi_contract_message);
         return Ref(Borrowed(compare(v, zero, Py_GT) ? n.Infinity : n.minus_Infinity));
@@ -38,7 +40,7 @@ constexpr auto stat_metric_signature =
 Ref stat_metric(const Module& m, const Ref& is_stats, const Ref& keys) {
     std::optional<Ref> metric = find_first(keys, [&](const Ref& key) -> std::optional<Ref> {
         Ref value = mapping_get(m, is_stats, key);
-        if (!truthy(call_global(m, m.n._is_finite_number, value))) return std::nullopt;
+        if (!truthy(calls::is_finite_number(m, value))) return std::nullopt;
         return is_exact_float(value) ? value : Ref::checked(PyNumber_Float(value.get()));
     });
     return metric.value_or(Ref(none()));
@@ -79,12 +81,11 @@ Ref validate_submission_thresholds(const Module& m, const Ref& is_stats, const R
         Ref keys = Ref::checked(PyTuple_New(static_cast<Py_ssize_t>(statistic.keys.size())));
         Py_ssize_t i = 0;
         for (PyObject* key : statistic.keys) PyTuple_SET_ITEM(keys.get(), i++, Py_NewRef(key));
-        set_item(metrics, Borrowed(statistic.metric), call_global(m, n._stat_metric, is_stats, keys));
+        set_item(metrics, Borrowed(statistic.metric), calls::stat_metric(m, is_stats, keys));
     }
-    set_item(metrics, Borrowed(n.is_pnl_mi), call_global(m, n._coerce_mi_contract_value, is_pnl_mi));
+    set_item(metrics, Borrowed(n.is_pnl_mi), calls::coerce_mi_contract_value(m, is_pnl_mi));
 
-    Ref result = call_global_kw(m, n.evaluate_threshold_gates, {},
-                                {{n.metrics, metrics}, {n.threshold_set, thresholds}, {n.pool_thresholds, thresholds}});
+    Ref result = calls::evaluate_threshold_gates(m, metrics, thresholds, thresholds);
     if (truthy(getattr(result, n.passed))) return Ref(none());
     Ref failure = get_item(getattr(result, n.failures), integer(0));
     raise_value_error(concat({format(getattr(failure, n.gate)), text(" failed: "), format(getattr(failure, n.actual)),
@@ -107,7 +108,7 @@ constexpr auto submission_is_stats_payload_signature =
     signature("_submission_is_stats_payload", Binding::module_function, nullptr, param("is_stats"));
 
 Ref submission_is_stats_payload(const Module& m, const Ref& is_stats) {
-    Ref payload = call(Borrowed(reinterpret_cast<PyObject*>(&PyDict_Type)), is_stats);
+    Ref payload = dict_copy(is_stats);
     call_method(payload, m.n.pop, Borrowed(m.n._threshold_checks), none());
     return payload;
 }
@@ -150,11 +151,10 @@ Ref configured_named_universe(const Module& m) {
 }
 
 Ref validate_named_universe(const Module& m, const Ref& value) {
-    const Names& n = m.n;
-    Ref named_universe = call_global(m, n._normalize_named_universe, value);
+    Ref named_universe = calls::normalize_named_universe(m, value);
     if (!truthy(named_universe)) named_universe = configured_named_universe(m);
     if (!truthy(named_universe)) raise_value_error("named_universe is required");
-    if (truthy(call_global(m, n._is_unsafe_named_universe, named_universe))) {
+    if (truthy(calls::is_unsafe_named_universe(m, named_universe))) {
         raise_value_error(concat({text("named_universe must be a single safe path segment, got "), repr(value)}));
     }
     return named_universe;
@@ -185,30 +185,25 @@ Ref validate_submission_contract(const Module& m, const Ref& signal_pool_name, c
                                  const Ref& client_manifest_version, const Ref& client_manifest_market_id,
                                  const Ref& client_manifest_era_number) {
     const Names& n = m.n;
-    call_global(m, n._validate_selected_pool_name, signal_pool_name, Borrowed(n.signal_pool_name));
+    calls::validate_selected_pool_name(m, signal_pool_name, n.signal_pool_name);
     if (!is_dict(is_stats)) raise_value_error("is_stats must be a dict");
-    if (truthy(call_global(m, n._has_disallowed_mi_contract_field, is_stats))) {
+    if (truthy(calls::has_disallowed_mi_contract_field(m, is_stats))) {
         raise_value_error("is_stats must not contain MI contract fields");
     }
-    if (truthy(call_global(m, n._has_non_finite_number, is_stats))) {
+    if (truthy(calls::has_non_finite_number(m, is_stats))) {
         raise_value_error("is_stats values must be finite numbers");
     }
-    call_global(m, n._coerce_mi_contract_value, is_pnl_mi);
-    call_global_kw(m, n._validate_submission_thresholds, {is_stats, is_pnl_mi}, {{n.thresholds, thresholds}});
+    calls::coerce_mi_contract_value(m, is_pnl_mi);
+    calls::validate_submission_thresholds(m, is_stats, is_pnl_mi, thresholds);
 
-    bool positive_finite_float = false;
-    if (is_exact_float(expression_elapsed_seconds)) {
-        Ref math = m.global(n.math);
-        positive_finite_float = truthy(call_method(math, n.isfinite, expression_elapsed_seconds)) &&
-                                PyFloat_AS_DOUBLE(expression_elapsed_seconds.get()) > 0.0;
-    }
+    bool positive_finite_float = is_exact_float(expression_elapsed_seconds) &&
+                                 math_isfinite(m, expression_elapsed_seconds) &&
+                                 PyFloat_AS_DOUBLE(expression_elapsed_seconds.get()) > 0.0;
     if (!positive_finite_float) raise_value_error("expression_elapsed_seconds must be a positive float");
 
-    call_global(m, n._validate_optional_manifest_int, client_manifest_version, Borrowed(n.client_manifest_version));
-    call_global(m, n._validate_optional_manifest_int, client_manifest_market_id,
-                Borrowed(n.client_manifest_market_id));
-    call_global(m, n._validate_optional_manifest_int, client_manifest_era_number,
-                Borrowed(n.client_manifest_era_number));
+    calls::validate_optional_manifest_int(m, client_manifest_version, n.client_manifest_version);
+    calls::validate_optional_manifest_int(m, client_manifest_market_id, n.client_manifest_market_id);
+    calls::validate_optional_manifest_int(m, client_manifest_era_number, n.client_manifest_era_number);
     return Ref(none());
 }
 
@@ -217,24 +212,144 @@ Ref validate_submission_contract(const Module& m, const Ref& signal_pool_name, c
 constexpr auto idempotency_key_for_body_signature = signature(
     "SignalServiceClient._idempotency_key_for_body", Binding::static_method, nullptr, param("body"));
 
-Ref idempotency_key_for_body(const Module& m, const Ref& body) {
-    const Names& n = m.n;
-    Ref payload = new_dict();
-    for_each(call_method(body, n.items), [&](const Ref& item) {
-        auto [key, value] = unpack_pair(item);
-        if (compare(key, Borrowed(n.idempotency_key), Py_NE)) set_item(payload, key, value);
-    });
-
-    Ref canonical = call_method_kw(m.global(n.json), n.dumps, {payload},
-                                   {{n.sort_keys, boolean(true)},
-                                    {n.separators, Borrowed(m.state().canonical_separators)},
-                                    {n.allow_nan, boolean(false)}});
-    Ref encoded = call_method(canonical, n.encode, Borrowed(n.utf_8));
-    Ref digest = call_method(call_method(m.global(n.hashlib), n.sha256, encoded), n.hexdigest);
-    return concat({Borrowed(n.sigsubmit_prefix), digest});
+// Whether every key of the exact dict `body` is an exact str, so that
+// comparing and storing them runs no Python code.
+bool text_keys_only(PyObject* body) {
+    Py_ssize_t position = 0;
+    PyObject *key, *value;
+    while (PyDict_Next(body, &position, &key, &value)) {
+        if (!PyUnicode_CheckExact(key)) return false;
+    }
+    return true;
 }
 
+// {key: value for key, value in body.items() if key != "idempotency_key"}
+Ref unkeyed_payload(const Module& m, const Ref& body) {
+    PyObject* skipped = m.n.idempotency_key;
+    Ref payload = new_dict();
+    if (PyDict_CheckExact(body.get()) && text_keys_only(body.get())) {
+        Py_ssize_t position = 0;
+        PyObject *key, *value;
+        while (PyDict_Next(body.get(), &position, &key, &value)) {
+            if (key != skipped && PyUnicode_Compare(key, skipped) != 0) {
+                check_status(PyDict_SetItem(payload.get(), key, value));
+            }
+        }
+        return payload;
+    }
+    for_each(call_method(body, m.n.items), [&](const Ref& item) {
+        auto [key, value] = unpack_pair(item);
+        if (compare(key, Borrowed(skipped), Py_NE)) set_item(payload, key, value);
+    });
+    return payload;
+}
+
+Ref idempotency_key(const Module& m, const Ref& body, const GraphAndEntry* graph) {
+    Ref digest = canonical_json_digest(m, unkeyed_payload(m, body), graph);
+    return concat({Borrowed(m.n.sigsubmit_prefix), digest});
+}
+
+Ref idempotency_key_for_body(const Module& m, const Ref& body) { return idempotency_key(m, body, nullptr); }
+
 }  // namespace
+
+namespace calls {
+
+Ref mi_contract_json_value(const Module& m, const Ref& value) {
+    return through_global(
+        m, Own::mi_contract_json_value, m.n._mi_contract_json_value,
+        [&] { return tallowmere::mi_contract_json_value(m, value); }, [&](const Ref& f) { return call(f, value); });
+}
+
+Ref stat_metric(const Module& m, const Ref& is_stats, const Ref& keys) {
+    return through_global(
+        m, Own::stat_metric, m.n._stat_metric, [&] { return tallowmere::stat_metric(m, is_stats, keys); },
+        [&](const Ref& f) { return call(f, is_stats, keys); });
+}
+
+Ref reject_caller_threshold_authority(const Module& m, const Ref& threshold_checks, const Ref& thresholds) {
+    const Names& n = m.n;
+    return through_global(
+        m, Own::reject_caller_threshold_authority, n._reject_caller_threshold_authority,
+        [&] { return tallowmere::reject_caller_threshold_authority(m, threshold_checks, thresholds); },
+        [&](const Ref& f) {
+            return call_kw(f, {}, {{n.threshold_checks, threshold_checks}, {n.thresholds, thresholds}});
+        });
+}
+
+Ref validate_submission_thresholds(const Module& m, const Ref& is_stats, const Ref& is_pnl_mi, const Ref& thresholds) {
+    const Names& n = m.n;
+    return through_global(
+        m, Own::validate_submission_thresholds, n._validate_submission_thresholds,
+        [&] { return tallowmere::validate_submission_thresholds(m, is_stats, is_pnl_mi, thresholds); },
+        [&](const Ref& f) { return call_kw(f, {is_stats, is_pnl_mi}, {{n.thresholds, thresholds}}); });
+}
+
+Ref validate_optional_manifest_int(const Module& m, const Ref& value, PyObject* field_name) {
+    Ref name{Borrowed(field_name)};
+    return through_global(
+        m, Own::validate_optional_manifest_int, m.n._validate_optional_manifest_int,
+        [&] { return tallowmere::validate_optional_manifest_int(m, value, name); },
+        [&](const Ref& f) { return call(f, value, name); });
+}
+
+Ref submission_is_stats_payload(const Module& m, const Ref& is_stats) {
+    return through_global(
+        m, Own::submission_is_stats_payload, m.n._submission_is_stats_payload,
+        [&] { return tallowmere::submission_is_stats_payload(m, is_stats); },
+        [&](const Ref& f) { return call(f, is_stats); });
+}
+
+Ref validate_selected_pool_name(const Module& m, const Ref& value, PyObject* field_name) {
+    Ref name{Borrowed(field_name)};
+    return through_global(
+        m, Own::validate_selected_pool_name, m.n._validate_selected_pool_name,
+        [&] { return tallowmere::validate_selected_pool_name(m, value, name); },
+        [&](const Ref& f) { return call(f, value, name); });
+}
+
+Ref validate_named_universe(const Module& m, const Ref& value) {
+    return through_global(
+        m, Own::validate_named_universe, m.n._validate_named_universe,
+        [&] { return tallowmere::validate_named_universe(m, value); }, [&](const Ref& f) { return call(f, value); });
+}
+
+Ref reject_retired_universe_aliases(const Module& m, const Ref& body) {
+    return through_global(
+        m, Own::reject_retired_universe_aliases, m.n._reject_retired_universe_aliases,
+        [&] { return tallowmere::reject_retired_universe_aliases(m, body); }, [&](const Ref& f) { return call(f, body); });
+}
+
+Ref validate_submission_contract(const Module& m, const Ref& self, const Ref& signal_pool_name, const Ref& is_stats,
+                                 const Ref& is_pnl_mi, const Ref& expression_elapsed_seconds, const Ref& thresholds,
+                                 const Ref& client_manifest_version, const Ref& client_manifest_market_id,
+                                 const Ref& client_manifest_era_number) {
+    const Names& n = m.n;
+    return through_attribute(
+        m, Own::validate_submission_contract, self, n._validate_submission_contract,
+        [&](const Ref&) {
+            return tallowmere::validate_submission_contract(m, signal_pool_name, is_stats, is_pnl_mi,
+                                                            expression_elapsed_seconds, thresholds,
+                                                            client_manifest_version, client_manifest_market_id,
+                                                            client_manifest_era_number);
+        },
+        [&](const FoundMethod& found) {
+            return call_found(found, self, {signal_pool_name, is_stats, is_pnl_mi, expression_elapsed_seconds},
+                              {{n.thresholds, thresholds},
+                               {n.client_manifest_version, client_manifest_version},
+                               {n.client_manifest_market_id, client_manifest_market_id},
+                               {n.client_manifest_era_number, client_manifest_era_number}});
+        });
+}
+
+Ref idempotency_key_for_body(const Module& m, const Ref& self, const Ref& body, const GraphAndEntry* graph) {
+    return through_attribute(
+        m, Own::idempotency_key_for_body, self, m.n._idempotency_key_for_body,
+        [&](const Ref&) { return tallowmere::idempotency_key(m, body, graph); },
+        [&](const FoundMethod& found) { return call_found(found, self, {body}); });
+}
+
+}  // namespace calls
 
 namespace members {
 const Member mi_contract_json_value = member<mi_contract_json_value_signature, tallowmere::mi_contract_json_value>();

@@ -5,6 +5,7 @@
 #include "common.hpp"
 #include "core/function.hpp"
 #include "core/python.hpp"
+#include "dispatch.hpp"
 #include "members.hpp"
 
 namespace tallowmere {
@@ -137,8 +138,7 @@ constexpr auto required_active_submit_era_signature =
               param("market_id", none_default), param("era_number", none_default));
 
 Ref required_active_submit_era(const Module& m, const Ref& catalog, const Ref& market_id, const Ref& era_number) {
-    Ref era = call_global_kw(m, m.n._active_era_from_catalog, {catalog},
-                             {{m.n.market_id, market_id}, {m.n.era_number, era_number}});
+    Ref era = calls::active_era_from_catalog(m, catalog, market_id, era_number);
     if (era.is_none()) raise_value_error("era config unavailable: /eras returned no active era");
     return era;
 }
@@ -149,7 +149,7 @@ constexpr auto required_positive_era_int_signature = signature(
     "_required_positive_era_int", Binding::module_function, nullptr, param("era"), param("field_name"));
 
 Ref required_positive_era_int(const Module& m, const Ref& era, const Ref& field_name) {
-    Ref value = call_global(m, m.n._field_value, era, field_name);
+    Ref value = calls::field_value(m, era, field_name.get());
     if (is_bool(value) || !is_exact_int(value) || compare(value, integer(0), Py_LE)) {
         raise_value_error(concat({text("era config field "), format(field_name), text(" must be a positive integer")}));
     }
@@ -173,11 +173,78 @@ constexpr auto projection_signature = signature("_simulation_data_contract_proje
 Ref simulation_data_contract_projection_from_era(const Module& m, const Ref& era) {
     Ref projection = field_of(m, era, m.n.simulation_data_contract_projection, none());
     if (projection.is_none()) return projection;
-    if (is_dict(projection)) return call(Borrowed(reinterpret_cast<PyObject*>(&PyDict_Type)), projection);
+    if (is_dict(projection)) return dict_copy(projection);
     raise_value_error("era config field simulation_data_contract_projection must be a dict");
 }
 
 }  // namespace
+
+namespace calls {
+
+Ref field_value(const Module& m, const Ref& value, PyObject* key) {
+    Ref name{Borrowed(key)};
+    return through_global(
+        m, Own::field_value, m.n._field_value, [&] { return tallowmere::field_value(m, value, name, Ref(none())); },
+        [&](const Ref& f) { return call(f, value, name); });
+}
+
+Ref field_value(const Module& m, const Ref& value, PyObject* key, const Ref& fallback) {
+    Ref name{Borrowed(key)};
+    return through_global(
+        m, Own::field_value, m.n._field_value, [&] { return tallowmere::field_value(m, value, name, fallback); },
+        [&](const Ref& f) { return call(f, value, name, fallback); });
+}
+
+Ref mapping_lookup(const Module& m, const Ref& mapping, const Ref& key) {
+    return through_global(
+        m, Own::mapping_lookup, m.n._mapping_lookup, [&] { return tallowmere::mapping_lookup(m, mapping, key); },
+        [&](const Ref& f) { return call(f, mapping, key); });
+}
+
+Ref coerce_optional_int(const Module& m, const Ref& value) {
+    return through_global(
+        m, Own::coerce_optional_int, m.n._coerce_optional_int, [&] { return tallowmere::coerce_optional_int(m, value); },
+        [&](const Ref& f) { return call(f, value); });
+}
+
+Ref active_era_from_catalog(const Module& m, const Ref& catalog, const Ref& market_id, const Ref& era_number) {
+    const Names& n = m.n;
+    return through_global(
+        m, Own::active_era_from_catalog, n._active_era_from_catalog,
+        [&] { return tallowmere::active_era_from_catalog(m, catalog, market_id, era_number); },
+        [&](const Ref& f) { return call_kw(f, {catalog}, {{n.market_id, market_id}, {n.era_number, era_number}}); });
+}
+
+Ref required_active_submit_era(const Module& m, const Ref& catalog, const Ref& market_id, const Ref& era_number) {
+    const Names& n = m.n;
+    return through_global(
+        m, Own::required_active_submit_era, n._required_active_submit_era,
+        [&] { return tallowmere::required_active_submit_era(m, catalog, market_id, era_number); },
+        [&](const Ref& f) { return call_kw(f, {catalog}, {{n.market_id, market_id}, {n.era_number, era_number}}); });
+}
+
+Ref required_positive_era_int(const Module& m, const Ref& era, PyObject* field_name) {
+    Ref name{Borrowed(field_name)};
+    return through_global(
+        m, Own::required_positive_era_int, m.n._required_positive_era_int,
+        [&] { return tallowmere::required_positive_era_int(m, era, name); },
+        [&](const Ref& f) { return call(f, era, name); });
+}
+
+Ref required_era_frequency(const Module& m, const Ref& era) {
+    return through_global(
+        m, Own::required_era_frequency, m.n._required_era_frequency,
+        [&] { return tallowmere::required_era_frequency(m, era); }, [&](const Ref& f) { return call(f, era); });
+}
+
+Ref simulation_data_contract_projection_from_era(const Module& m, const Ref& era) {
+    return through_global(
+        m, Own::simulation_data_contract_projection_from_era, m.n._simulation_data_contract_projection_from_era,
+        [&] { return tallowmere::simulation_data_contract_projection_from_era(m, era); },
+        [&](const Ref& f) { return call(f, era); });
+}
+
+}  // namespace calls
 
 namespace members {
 const Member field_value = member<field_value_signature, tallowmere::field_value>();

@@ -4,6 +4,7 @@
 #include "common.hpp"
 #include "core/function.hpp"
 #include "core/python.hpp"
+#include "dispatch.hpp"
 #include "members.hpp"
 
 namespace tallowmere {
@@ -17,7 +18,7 @@ constexpr const char missing_timing_message[] =
     "recorded backtest timing is required before submit; run simulate_signal for this graph before submitting it";
 
 Ref positive_era_int(const Module& m, const Ref& era, PyObject* field_name) {
-    return call_global(m, m.n._required_positive_era_int, era, Borrowed(field_name));
+    return calls::required_positive_era_int(m, era, field_name);
 }
 
 bool is_list_or_tuple(const Ref& value) { return PyList_Check(value.get()) || PyTuple_Check(value.get()); }
@@ -31,7 +32,7 @@ Ref enforce_graph_complexity_for_submit(const Module& m, const Ref& graph, const
     const Names& n = m.n;
     Ref max_depth = positive_era_int(m, era, n.max_depth);
     Ref max_node_count = positive_era_int(m, era, n.max_node_count);
-    Ref complexity = call_global(m, n.measure_graph_complexity, graph);
+    Ref complexity = calls::measure_graph_complexity(m, graph);
     Ref depth = getattr(complexity, n.depth);
     if (compare(depth, max_depth, Py_GT)) {
         raise_value_error(concat({text("graph complexity depth "), format(depth), text(" exceeds max_depth "),
@@ -50,28 +51,31 @@ Ref enforce_graph_complexity_for_submit(const Module& m, const Ref& graph, const
 constexpr auto enforce_recorded_timing_signature = signature(
     "_enforce_recorded_backtest_timing_for_submit", Binding::module_function, nullptr, param("graph"), param("era"));
 
-Ref enforce_recorded_backtest_timing_for_submit(const Module& m, const Ref& graph, const Ref& era) {
+// `entry`: the graph entry of the submission's timing lookup, or empty.
+Ref enforce_recorded_timing(const Module& m, const Ref& graph, const Ref& era, const Ref& entry) {
     const Names& n = m.n;
     Ref timing = m.global(n._backtest_timing);
-    Ref record = call_method(timing, n.consume_recorded_backtest_timing, graph);
+    Ref record = calls::consume_recorded_backtest_timing(m, timing, graph, entry);
     if (record.is_none()) raise_value_error(missing_timing_message);
 
-    Ref frequency = call_global(m, n._required_era_frequency, era);
+    Ref frequency = calls::required_era_frequency(m, era);
     Ref row_budget_ms = positive_era_int(m, era, n.backtest_row_budget_ms);
     Ref whole_budget_seconds = positive_era_int(m, era, n.backtest_whole_budget_seconds);
     Ref per_row_budget_seconds = Ref::checked(PyNumber_TrueDivide(row_budget_ms.get(), floating(1000.0).get()));
     Ref whole_budget = Ref::checked(PyNumber_Float(whole_budget_seconds.get()));
 
-    Ref assessment = call_method_kw(timing, n.assess_client_backtest_timing, {record},
-                                    {{n.frequency, frequency},
-                                     {n.per_row_budget_seconds, per_row_budget_seconds},
-                                     {n.whole_budget_seconds, whole_budget}});
+    Ref assessment =
+        calls::assess_client_backtest_timing(m, timing, record, frequency, per_row_budget_seconds, whole_budget);
     if (equals(field_of(m, assessment, n.status), Borrowed(n.accepted))) return Ref(none());
     raise_value_error(concat({text("backtest timing budget exceeded: "), format(field_of(m, assessment, n.reason)),
                               text("; elapsed="), format(field_of(m, assessment, n.elapsed_seconds)),
                               text("; max_row="), format(field_of(m, assessment, n.max_row_elapsed_seconds)),
                               text("; row_budget="), format(field_of(m, assessment, n.per_row_budget_seconds)),
                               text("; total_budget="), format(field_of(m, assessment, n.whole_budget_seconds))}));
+}
+
+Ref enforce_recorded_backtest_timing_for_submit(const Module& m, const Ref& graph, const Ref& era) {
+    return enforce_recorded_timing(m, graph, era, Ref());
 }
 
 // ---- universe rules and pool thresholds ----------------------------------------------------
@@ -119,7 +123,7 @@ Ref signal_is_thresholds_for_pool(const Module& m, const Ref& pool, const Ref& r
     const Names& n = m.n;
     Ref entries = field_of(m, pool, n.signal_is_thresholds);
     if (is_dict(entries)) {
-        Ref entry = call_global(m, n._mapping_lookup, entries, rule_id);
+        Ref entry = calls::mapping_lookup(m, entries, rule_id);
         return is_dict(entry) ? entry : Ref(none());
     }
     if (!is_list_or_tuple(entries)) return Ref(none());
@@ -155,21 +159,20 @@ Ref first_present(const Module& m, const Ref& source, std::initializer_list<PyOb
 Ref submission_thresholds_from_era_catalog(const Module& m, const Ref& catalog, const Ref& named_universe,
                                            const Ref& signal_pool_name, const Ref& market_id, const Ref& era_number) {
     const Names& n = m.n;
-    Ref era = call_global_kw(m, n._active_era_from_catalog, {catalog},
-                             {{n.market_id, market_id}, {n.era_number, era_number}});
+    Ref era = calls::active_era_from_catalog(m, catalog, market_id, era_number);
     if (era.is_none()) raise_value_error("thresholds unavailable: /eras returned no active era");
 
-    Ref rule_id = call_global(m, n._rule_id_for_named_universe, era, named_universe);
+    Ref rule_id = calls::rule_id_for_named_universe(m, era, named_universe);
     if (rule_id.is_none()) {
         raise_value_error(
             concat({text("thresholds unavailable: named_universe "), format(named_universe), text(" not found")}));
     }
-    Ref pool = call_global(m, n._shared_selected_signal_pool_from_era_config, era, signal_pool_name);
+    Ref pool = calls::selected_signal_pool(m, era, signal_pool_name);
     if (pool.is_none()) {
         raise_value_error(
             concat({text("thresholds unavailable: signal_pool_name "), format(signal_pool_name), text(" not found")}));
     }
-    Ref entry = call_global(m, n._signal_is_thresholds_for_pool, pool, rule_id);
+    Ref entry = calls::signal_is_thresholds_for_pool(m, pool, rule_id);
     if (!is_dict(entry)) {
         raise_value_error(concat({text("thresholds unavailable: signal_pool_name "), format(signal_pool_name),
                                   text(" has no signal_is_thresholds for named_universe "), format(named_universe)}));
@@ -179,7 +182,7 @@ Ref submission_thresholds_from_era_catalog(const Module& m, const Ref& catalog, 
     // A caller-built catalog may have keys of any type: their __eq__ and
     // __hash__ run below, so each pair is held while they do.
     Ref thresholds = new_dict();
-    Ref entry_items = call(Borrowed(reinterpret_cast<PyObject*>(&PyDict_Type)), entry);
+    Ref entry_items = dict_copy(entry);
     for_each_dict_item(entry_items, [&](const Ref& key, const Ref& value) {
         bool matching_key = false;
         for (PyObject* skipped : {n.universe_rule_id, n.rule_id, n.universes, n.mi_threshold}) {
@@ -239,7 +242,7 @@ Ref fetch_era_catalog(const Module& m, const Ref& self) {
 
     Ref catalog = try_except(
         [&] {
-            Ref answer = call_method(self, n._canonical_request, Borrowed(n.GET), Borrowed(n.eras));
+            Ref answer = calls::canonical_request(m, self, n.GET, n.eras);
             return get_item(answer, integer(1));
         },
         [&](const Caught& caught) -> Ref {
@@ -270,12 +273,81 @@ constexpr auto resolve_submit_thresholds_signature =
 
 Ref resolve_submit_thresholds(const Module& m, const Ref& self, const Ref& named_universe, const Ref& signal_pool_name,
                               const Ref& market_id, const Ref& era_number) {
-    Ref catalog = call_method(self, m.n._fetch_era_catalog);
-    return call_global_kw(m, m.n._submission_thresholds_from_era_catalog, {catalog, named_universe, signal_pool_name},
-                          {{m.n.market_id, market_id}, {m.n.era_number, era_number}});
+    Ref catalog = calls::fetch_era_catalog(m, self);
+    return calls::submission_thresholds_from_era_catalog(m, catalog, named_universe, signal_pool_name, market_id,
+                                                         era_number);
 }
 
 }  // namespace
+
+namespace calls {
+
+Ref enforce_graph_complexity_for_submit(const Module& m, const Ref& graph, const Ref& era) {
+    return through_global(
+        m, Own::enforce_graph_complexity_for_submit, m.n._enforce_graph_complexity_for_submit,
+        [&] { return tallowmere::enforce_graph_complexity_for_submit(m, graph, era); },
+        [&](const Ref& f) { return call(f, graph, era); });
+}
+
+Ref enforce_recorded_backtest_timing_for_submit(const Module& m, const Ref& graph, const Ref& era, const Ref& entry) {
+    return through_global(
+        m, Own::enforce_recorded_backtest_timing_for_submit, m.n._enforce_recorded_backtest_timing_for_submit,
+        [&] { return tallowmere::enforce_recorded_timing(m, graph, era, entry); },
+        [&](const Ref& f) { return call(f, graph, era); });
+}
+
+Ref rule_id_for_named_universe(const Module& m, const Ref& era, const Ref& named_universe) {
+    return through_global(
+        m, Own::rule_id_for_named_universe, m.n._rule_id_for_named_universe,
+        [&] { return tallowmere::rule_id_for_named_universe(m, era, named_universe); },
+        [&](const Ref& f) { return call(f, era, named_universe); });
+}
+
+Ref signal_is_thresholds_for_pool(const Module& m, const Ref& pool, const Ref& rule_id) {
+    return through_global(
+        m, Own::signal_is_thresholds_for_pool, m.n._signal_is_thresholds_for_pool,
+        [&] { return tallowmere::signal_is_thresholds_for_pool(m, pool, rule_id); },
+        [&](const Ref& f) { return call(f, pool, rule_id); });
+}
+
+Ref submission_thresholds_from_era_catalog(const Module& m, const Ref& catalog, const Ref& named_universe,
+                                           const Ref& signal_pool_name, const Ref& market_id, const Ref& era_number) {
+    const Names& n = m.n;
+    return through_global(
+        m, Own::submission_thresholds_from_era_catalog, n._submission_thresholds_from_era_catalog,
+        [&] {
+            return tallowmere::submission_thresholds_from_era_catalog(m, catalog, named_universe, signal_pool_name,
+                                                                      market_id, era_number);
+        },
+        [&](const Ref& f) {
+            return call_kw(f, {catalog, named_universe, signal_pool_name},
+                           {{n.market_id, market_id}, {n.era_number, era_number}});
+        });
+}
+
+Ref fetch_era_catalog(const Module& m, const Ref& self) {
+    return through_attribute(
+        m, Own::fetch_era_catalog, self, m.n._fetch_era_catalog,
+        [&](const Ref& client) { return tallowmere::fetch_era_catalog(m, client); },
+        [&](const FoundMethod& found) { return call_found(found, self, {}); });
+}
+
+Ref resolve_submit_thresholds(const Module& m, const Ref& self, const Ref& named_universe, const Ref& signal_pool_name,
+                              const Ref& market_id, const Ref& era_number) {
+    const Names& n = m.n;
+    return through_attribute(
+        m, Own::resolve_submit_thresholds, self, n._resolve_submit_thresholds,
+        [&](const Ref& client) {
+            return tallowmere::resolve_submit_thresholds(m, client, named_universe, signal_pool_name, market_id,
+                                                         era_number);
+        },
+        [&](const FoundMethod& found) {
+            return call_found(found, self, {named_universe, signal_pool_name},
+                              {{n.market_id, market_id}, {n.era_number, era_number}});
+        });
+}
+
+}  // namespace calls
 
 namespace members {
 const Member enforce_graph_complexity_for_submit =

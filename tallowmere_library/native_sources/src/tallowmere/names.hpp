@@ -171,6 +171,25 @@ namespace tallowmere {
     /* library attributes and methods */                                                        \
     X(dumps, "dumps")                                                                           \
     X(loads, "loads")                                                                           \
+    X(detect_encoding, "detect_encoding")                                                       \
+    X(JSONEncoder, "JSONEncoder")                                                               \
+    X(JSONDecoder, "JSONDecoder")                                                               \
+    X(_default_encoder, "_default_encoder")                                                     \
+    X(_default_decoder, "_default_decoder")                                                     \
+    X(encoder, "encoder")                                                                       \
+    X(c_make_encoder, "c_make_encoder")                                                         \
+    X(encode_basestring_ascii, "encode_basestring_ascii")                                       \
+    X(iterencode, "iterencode")                                                                 \
+    X(default_, "default")                                                                      \
+    X(raw_decode, "raw_decode")                                                                 \
+    X(scan_once, "scan_once")                                                                   \
+    X(skipkeys, "skipkeys")                                                                     \
+    X(ensure_ascii, "ensure_ascii")                                                             \
+    X(check_circular, "check_circular")                                                         \
+    X(indent, "indent")                                                                         \
+    X(item_separator, "item_separator")                                                         \
+    X(key_separator, "key_separator")                                                           \
+    X(surrogatepass, "surrogatepass")                                                           \
     X(JSONDecodeError, "JSONDecodeError")                                                       \
     X(sort_keys, "sort_keys")                                                                   \
     X(separators, "separators")                                                                 \
@@ -246,6 +265,7 @@ namespace tallowmere {
     X(max_row_elapsed_seconds, "max_row_elapsed_seconds")                                       \
     /* request and body keys */                                                                 \
     X(Authorization, "Authorization")                                                           \
+    X(bearer_prefix, "Bearer ")                                                                 \
     X(Content_Type, "Content-Type")                                                             \
     X(Idempotency_Key, "Idempotency-Key")                                                       \
     X(application_json, "application/json")                                                    \

@@ -3,8 +3,10 @@
 // it. HTTP libraries read it through `read` (or iterate it); a retrying
 // transport rewinds it with `seek(0)` and sends the same bytes again without
 // a second notification.
+#include "calls.hpp"
 #include "core/function.hpp"
 #include "core/python.hpp"
+#include "dispatch.hpp"
 #include "members.hpp"
 
 namespace tallowmere {
@@ -58,7 +60,7 @@ Ref read(const Module& m, const Ref& self, const Ref& size) {
     if (equals(size, zero) || compare(getattr(self, n._offset), total, Py_GE)) {
         return Ref::checked(PyBytes_FromStringAndSize("", 0));
     }
-    call_method(self, n._observe_once);
+    calls::observe_once(m, self);
     Ref offset = getattr(self, n._offset);
     Ref end;
     if (size.is_none() || compare(size, zero, Py_LT)) {
@@ -106,13 +108,30 @@ Ref iter(const Module&, const Ref& self) { return Ref(self); }
 constexpr auto next_signature = signature("_TransmissionObservedBody.__next__", Binding::instance_method, nullptr);
 
 Ref next(const Module& m, const Ref& self) {
-    Ref chunk = call_method(self, m.n.read);
+    Ref chunk = calls::read(m, self);
     if (truthy(chunk)) return chunk;
     PyErr_SetNone(PyExc_StopIteration);
     propagate();
 }
 
 }  // namespace
+
+namespace calls {
+
+Ref observe_once(const Module& m, const Ref& self) {
+    return through_attribute(
+        m, Own::observe_once, self, m.n._observe_once, [&](const Ref& body) { return tallowmere::observe_once(m, body); },
+        [&](const FoundMethod& found) { return call_found(found, self, {}); });
+}
+
+Ref read(const Module& m, const Ref& self) {
+    return through_attribute(
+        m, Own::read, self, m.n.read,
+        [&](const Ref& body) { return tallowmere::read(m, body, Ref(Borrowed(m.state().default_read_size))); },
+        [&](const FoundMethod& found) { return call_found(found, self, {}); });
+}
+
+}  // namespace calls
 
 namespace members::observed_body {
 const Member init = member<init_signature, tallowmere::init>();

@@ -4,8 +4,10 @@
 // request path raises SubmissionRejectedError when the service says no and
 // SignalClientResponseError when its answer cannot be used. The public
 // methods turn both into result records.
+#include "calls.hpp"
 #include "core/function.hpp"
 #include "core/python.hpp"
+#include "dispatch.hpp"
 #include "members.hpp"
 
 namespace tallowmere {
@@ -132,6 +134,17 @@ Ref raise_submission_rejected(const Module& m, const Ref& status_code, const Ref
 }
 
 }  // namespace
+
+namespace calls {
+
+Ref raise_submission_rejected(const Module& m, const Ref& status_code, const Ref& body) {
+    return through_global(
+        m, Own::raise_submission_rejected, m.n._raise_submission_rejected,
+        [&] { return tallowmere::raise_submission_rejected(m, status_code, body); },
+        [&](const Ref& f) { return call(f, status_code, body); });
+}
+
+}  // namespace calls
 
 namespace members {
 namespace receipt {

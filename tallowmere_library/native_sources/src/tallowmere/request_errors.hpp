@@ -16,7 +16,6 @@
 #include "core/python.hpp"
 #include "submit_state.hpp"
 
-#include <initializer_list>
 #include <optional>
 #include <tuple>
 
@@ -40,16 +39,16 @@ Ref transport_error_text(const Module& m, const Ref& exc);
 // type(exc).__name__
 Ref type_name(const Module& m, const Ref& exc);
 
-// Runs the request; returns the result a handler made of its failure, or
-// nothing when it answered (`status_code` and `body` then hold the answer).
-template <class OnTransport, class OnRejected, class OnUnusable>
-std::optional<Ref> request_or_mapped_failure(const Module& m, const Ref& self, std::initializer_list<Arg> args,
-                                             Ref& status_code, Ref& body, MappedStatuses mapped,
-                                             OnTransport&& on_transport, OnRejected&& on_rejected,
-                                             OnUnusable&& on_unusable) {
+// Runs the request (`request()`, the self._canonical_request(...) call);
+// returns the result a handler made of its failure, or nothing when it
+// answered (`status_code` and `body` then hold the answer).
+template <class Request, class OnTransport, class OnRejected, class OnUnusable>
+std::optional<Ref> request_or_mapped_failure(const Module& m, Request&& request, Ref& status_code, Ref& body,
+                                             MappedStatuses mapped, OnTransport&& on_transport,
+                                             OnRejected&& on_rejected, OnUnusable&& on_unusable) {
     return try_except(
         [&]() -> std::optional<Ref> {
-            std::tie(status_code, body) = unpack_pair(call_method_kw(self, m.n._canonical_request, args, {}));
+            std::tie(status_code, body) = unpack_pair(request());
             return std::nullopt;
         },
         [&](const Caught& caught) -> std::optional<Ref> {

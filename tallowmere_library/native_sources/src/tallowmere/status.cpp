@@ -2,8 +2,10 @@
 // caller's submissions, and polling until a terminal status — each outcome a
 // StatusResult or SubmissionListResult, never an exception for what the
 // service or the network did (except a malformed answer outside 400-499).
+#include "calls.hpp"
 #include "core/function.hpp"
 #include "core/python.hpp"
+#include "dispatch.hpp"
 #include "members.hpp"
 #include "request_errors.hpp"
 
@@ -64,7 +66,7 @@ constexpr auto status_result_from_body_signature =
 
 Ref status_result_from_body(const Module& m, const Ref& status_code, const Ref& body) {
     const Names& n = m.n;
-    Ref public_body = call_global(m, n._public_status_body, body);
+    Ref public_body = calls::public_status_body(m, body);
     Ref status = mapping_get(m, body, n.status);
     Ref signal_pool_name = mapping_get(m, body, n.signal_pool_name);
     Ref strategy_pool_name = mapping_get(m, body, n.strategy_pool_name);
@@ -73,9 +75,9 @@ Ref status_result_from_body(const Module& m, const Ref& status_code, const Ref& 
     Ref rejection_reason = mapping_get(m, body, n.rejection_reason);
     Ref is_correlation = mapping_get(m, body, n.is_correlation);
     Ref agent_is_correlation = mapping_get(m, body, n.agent_is_correlation);
-    Ref is_pnl_mi = call_global(m, n._coerce_status_metric, mapping_get(m, body, n.is_pnl_mi));
-    Ref agent_is_pnl_mi = call_global(m, n._coerce_status_metric, mapping_get(m, body, n.agent_is_pnl_mi));
-    Ref failure_reason = call_global(m, n._failure_reason_from_status_body, body);
+    Ref is_pnl_mi = calls::coerce_status_metric(m, mapping_get(m, body, n.is_pnl_mi));
+    Ref agent_is_pnl_mi = calls::coerce_status_metric(m, mapping_get(m, body, n.agent_is_pnl_mi));
+    Ref failure_reason = calls::failure_reason_from_status_body(m, body);
     Ref failure_detail = mapping_get(m, body, n.failure_detail);
     Ref failure_message = mapping_get(m, body, n.failure_message);
     return call_global_kw(m, n.StatusResult, {},
@@ -121,7 +123,7 @@ constexpr auto status_result_from_response_error_signature =
               param("cls"), param("exc"));
 
 Ref status_result_from_response_error(const Module& m, const Ref& cls, const Ref& exc) {
-    auto [error, body] = unpack_pair(call_method(cls, m.n._error_body_from_response_error, exc));
+    auto [error, body] = unpack_pair(calls::error_body_from_response_error(m, cls, exc));
     return failed_status_result(m, getattr(exc, m.n.status_code), body, error);
 }
 
@@ -144,16 +146,17 @@ constexpr auto get_signal_status_signature =
 
 Ref get_signal_status(const Module& m, const Ref& self, const Ref& submission_id) {
     const Names& n = m.n;
-    Ref encoded = call_global(m, n._percent_encode, submission_id);
+    Ref encoded = calls::percent_encode(m, submission_id);
     Ref endpoint = Ref::checked(PyNumber_Add(n.signals_status_prefix, encoded.get()));
     Ref status_code, resp_body;
     std::optional<Ref> failure_result = request_or_mapped_failure(
-        m, self, {Borrowed(n.GET), endpoint}, status_code, resp_body, MappedStatuses::client_errors,
-        [&](const Ref& exc) { return call_method(self, n._status_result_from_transport_error, exc); },
-        [&](const Ref& exc) { return call_method(self, n._status_result_from_rejection, exc); },
-        [&](const Ref& exc) { return call_method(self, n._status_result_from_response_error, exc); });
+        m, [&] { return calls::canonical_request(m, self, n.GET, endpoint.get()); }, status_code, resp_body,
+        MappedStatuses::client_errors,
+        [&](const Ref& exc) { return calls::status_result_from_transport_error(m, self, exc); },
+        [&](const Ref& exc) { return calls::status_result_from_rejection(m, self, exc); },
+        [&](const Ref& exc) { return calls::status_result_from_response_error(m, self, exc); });
     if (failure_result) return *failure_result;
-    return call_method(self, n._status_result_from_body, status_code, resp_body);
+    return calls::status_result_from_body(m, self, status_code, resp_body);
 }
 
 // ---- listing --------------------------------------------------------------------------------
@@ -205,9 +208,9 @@ Ref list_signal_submissions(const Module& m, const Ref& self, const Ref& status,
         Ref query = new_list();
         Ref equals_sign = text("=");
         for (const QueryPair& pair : pairs) {
-            Ref name = call_global(m, n._percent_encode, Borrowed(pair.name));
+            Ref name = calls::percent_encode(m, Ref(Borrowed(pair.name)));
             Ref named = Ref::checked(PyNumber_Add(name.get(), equals_sign.get()));
-            Ref value = call_global(m, n._percent_encode, pair.value);
+            Ref value = calls::percent_encode(m, pair.value);
             list_append(query, Ref::checked(PyNumber_Add(named.get(), value.get())));
         }
         Ref joined = Ref::checked(PyUnicode_Join(Ref(text("&")).get(), query.get()));
@@ -216,22 +219,23 @@ Ref list_signal_submissions(const Module& m, const Ref& self, const Ref& status,
 
     Ref status_code, resp_body;
     std::optional<Ref> failure_result = request_or_mapped_failure(
-        m, self, {Borrowed(n.GET), endpoint}, status_code, resp_body, MappedStatuses::client_errors,
+        m, [&] { return calls::canonical_request(m, self, n.GET, endpoint.get()); }, status_code, resp_body,
+        MappedStatuses::client_errors,
         [&](const Ref& exc) {
             return submission_list_result(m, integer(0), none(), new_list(), transport_error_text(m, exc));
         },
         [&](const Ref& exc) {
             Ref body = getattr(exc, n.body);
             if (!truthy(body)) body = new_dict();
-            return call_method_kw(self, n._submission_list_result_from_body, {getattr(exc, n.status_code), body},
-                                  {{n.error, getattr(exc, n.reason)}});
+            return calls::submission_list_result_from_body(m, self, getattr(exc, n.status_code), body,
+                                                           getattr(exc, n.reason));
         },
         [&](const Ref& exc) {
-            auto [error, body] = unpack_pair(call_method(self, n._error_body_from_response_error, exc));
+            auto [error, body] = unpack_pair(calls::error_body_from_response_error(m, self, exc));
             return submission_list_result(m, getattr(exc, n.status_code), body, new_list(), error);
         });
     if (failure_result) return *failure_result;
-    return call_method(self, n._submission_list_result_from_body, status_code, resp_body);
+    return calls::submission_list_result_from_body(m, self, status_code, resp_body);
 }
 
 // ---- polling --------------------------------------------------------------------------------
@@ -246,7 +250,7 @@ Ref poll_until_terminal(const Module& m, const Ref& self, const Ref& submission_
     const Names& n = m.n;
     auto now = [&] { return call_method(m.global(n.time), n.monotonic); };
     Ref deadline = Ref::checked(PyNumber_Add(now().get(), timeout.get()));
-    Ref last = call_method(self, n.get_signal_status, submission_id);
+    Ref last = calls::get_signal_status(m, self, submission_id);
     Ref zero = integer(0);
     for (;;) {
         if (equals(getattr(last, n.status_code), zero)) return last;
@@ -258,11 +262,81 @@ Ref poll_until_terminal(const Module& m, const Ref& self, const Ref& submission_
         Ref pause = compare(remaining, interval, Py_LT) ? remaining : interval;
         if (compare(pause, zero, Py_LT)) pause = floating(0.0);
         call_method(m.global(n.time), n.sleep, pause);
-        last = call_method(self, n.get_signal_status, submission_id);
+        last = calls::get_signal_status(m, self, submission_id);
     }
 }
 
 }  // namespace
+
+namespace calls {
+
+Ref coerce_status_metric(const Module& m, const Ref& value) {
+    return through_global(
+        m, Own::coerce_status_metric, m.n._coerce_status_metric, [&] { return tallowmere::coerce_status_metric(m, value); },
+        [&](const Ref& f) { return call(f, value); });
+}
+
+Ref failure_reason_from_status_body(const Module& m, const Ref& body) {
+    return through_global(
+        m, Own::failure_reason_from_status_body, m.n._failure_reason_from_status_body,
+        [&] { return tallowmere::failure_reason_from_status_body(m, body); }, [&](const Ref& f) { return call(f, body); });
+}
+
+Ref public_status_body(const Module& m, const Ref& body) {
+    return through_global(
+        m, Own::public_status_body, m.n._public_status_body, [&] { return tallowmere::public_status_body(m, body); },
+        [&](const Ref& f) { return call(f, body); });
+}
+
+Ref status_result_from_body(const Module& m, const Ref& self, const Ref& status_code, const Ref& body) {
+    return through_attribute(
+        m, Own::status_result_from_body, self, m.n._status_result_from_body,
+        [&](const Ref&) { return tallowmere::status_result_from_body(m, status_code, body); },
+        [&](const FoundMethod& found) { return call_found(found, self, {status_code, body}); });
+}
+
+Ref status_result_from_rejection(const Module& m, const Ref& self, const Ref& exc) {
+    return through_attribute(
+        m, Own::status_result_from_rejection, self, m.n._status_result_from_rejection,
+        [&](const Ref&) { return tallowmere::status_result_from_rejection(m, exc); },
+        [&](const FoundMethod& found) { return call_found(found, self, {exc}); });
+}
+
+Ref status_result_from_response_error(const Module& m, const Ref& self, const Ref& exc) {
+    return through_attribute(
+        m, Own::status_result_from_response_error, self, m.n._status_result_from_response_error,
+        [&](const Ref& cls) { return tallowmere::status_result_from_response_error(m, cls, exc); },
+        [&](const FoundMethod& found) { return call_found(found, self, {exc}); });
+}
+
+Ref status_result_from_transport_error(const Module& m, const Ref& self, const Ref& exc) {
+    return through_attribute(
+        m, Own::status_result_from_transport_error, self, m.n._status_result_from_transport_error,
+        [&](const Ref&) { return tallowmere::status_result_from_transport_error(m, exc); },
+        [&](const FoundMethod& found) { return call_found(found, self, {exc}); });
+}
+
+Ref submission_list_result_from_body(const Module& m, const Ref& self, const Ref& status_code, const Ref& body,
+                                     const Ref& error) {
+    return through_attribute(
+        m, Own::submission_list_result_from_body, self, m.n._submission_list_result_from_body,
+        [&](const Ref&) {
+            return tallowmere::submission_list_result_from_body(m, status_code, body, error ? error : Ref(none()));
+        },
+        [&](const FoundMethod& found) {
+            return error ? call_found(found, self, {status_code, body}, {{m.n.error, error}})
+                         : call_found(found, self, {status_code, body});
+        });
+}
+
+Ref get_signal_status(const Module& m, const Ref& self, const Ref& submission_id) {
+    return through_attribute(
+        m, Own::get_signal_status, self, m.n.get_signal_status,
+        [&](const Ref& client) { return tallowmere::get_signal_status(m, client, submission_id); },
+        [&](const FoundMethod& found) { return call_found(found, self, {submission_id}); });
+}
+
+}  // namespace calls
 
 namespace members {
 const Member coerce_status_metric = member<coerce_status_metric_signature, tallowmere::coerce_status_metric>();

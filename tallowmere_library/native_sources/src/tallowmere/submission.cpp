@@ -2,8 +2,10 @@
 // idempotency key, one POST, every outcome a SubmitResult) and submit_strategy
 // (validated names and manifest, one POST, errors raised), with the mappings
 // that turn each outcome into a SubmitResult.
+#include "calls.hpp"
 #include "core/function.hpp"
 #include "core/python.hpp"
+#include "dispatch.hpp"
 #include "members.hpp"
 #include "request_errors.hpp"
 
@@ -67,7 +69,7 @@ constexpr auto submit_result_from_response_error_signature =
               param("cls"), param("exc"));
 
 Ref submit_result_from_response_error(const Module& m, const Ref& cls, const Ref& exc) {
-    auto [error, body] = unpack_pair(call_method(cls, m.n._error_body_from_response_error, exc));
+    auto [error, body] = unpack_pair(calls::error_body_from_response_error(m, cls, exc));
     return submit_result(m, getattr(exc, m.n.status_code), body, none(), none(), none(), error);
 }
 
@@ -97,13 +99,21 @@ Ref submit_result_from_transport_error(const Module& m, const Ref& exc) {
 
 // The manifest market or era: the caller's value, else the effective one.
 Ref manifest_value(const Module& m, const Ref& given, const Ref& effective, PyObject* field_name) {
-    return call_global(m, m.n._validate_optional_manifest_int, given.is_none() ? effective : given,
-                       Borrowed(field_name));
+    return calls::validate_optional_manifest_int(m, given.is_none() ? effective : given, field_name);
 }
 
 // Sets "idempotency_key", derived from the body when the caller gave none.
-void attach_idempotency_key(const Module& m, const Ref& self, const Ref& body, const Ref& idempotency_key) {
-    Ref key = idempotency_key.is_none() ? call_method(self, m.n._idempotency_key_for_body, body) : Ref(idempotency_key);
+// `graph_entry` is the graph entry of the submission's timing lookup (or
+// empty), whose canonical text stands in for the graph's while it is current.
+void attach_idempotency_key(const Module& m, const Ref& self, const Ref& body, const Ref& idempotency_key,
+                            const Ref& graph, const Ref& graph_entry) {
+    Ref key;
+    if (idempotency_key.is_none()) {
+        GraphAndEntry known{graph, graph_entry};
+        key = calls::idempotency_key_for_body(m, self, body, graph_entry ? &known : nullptr);
+    } else {
+        key = idempotency_key;
+    }
     set_item(body, Borrowed(m.n.idempotency_key), str(key));
 }
 
@@ -131,32 +141,27 @@ Ref submit_signal(const Module& m, const Ref& self, const Ref& graph, const Ref&
                   const Ref& market_id_arg, const Ref& era_number_arg, const Ref& client_manifest_market_id,
                   const Ref& client_manifest_era_number) {
     const Names& n = m.n;
-    call_global_kw(m, n._reject_caller_threshold_authority, {},
-                   {{n.threshold_checks, threshold_checks}, {n.thresholds, caller_thresholds}});
-    Ref named_universe = call_global(m, n._validate_named_universe, named_universe_arg);
-    call_global(m, n._validate_selected_pool_name, signal_pool_name, Borrowed(n.signal_pool_name));
-    call_method(m.global(n._backtest_timing), n.require_recorded_backtest_timing, graph);
-    Ref thresholds = call_method_kw(self, n._resolve_submit_thresholds, {named_universe, signal_pool_name},
-                                    {{n.market_id, market_id_arg}, {n.era_number, era_number_arg}});
-    Ref catalog = call_method(self, n._fetch_era_catalog);
-    Ref submit_era = call_global_kw(m, n._required_active_submit_era, {catalog},
-                                    {{n.market_id, market_id_arg}, {n.era_number, era_number_arg}});
+    calls::reject_caller_threshold_authority(m, threshold_checks, caller_thresholds);
+    Ref named_universe = calls::validate_named_universe(m, named_universe_arg);
+    calls::validate_selected_pool_name(m, signal_pool_name, n.signal_pool_name);
+    // The graph entry of the timing lookup, kept for the consumption and the key.
+    Ref graph_entry;
+    calls::require_recorded_backtest_timing(m, graph, &graph_entry);
+    Ref thresholds = calls::resolve_submit_thresholds(m, self, named_universe, signal_pool_name, market_id_arg,
+                                                      era_number_arg);
+    Ref catalog = calls::fetch_era_catalog(m, self);
+    Ref submit_era = calls::required_active_submit_era(m, catalog, market_id_arg, era_number_arg);
 
     Ref market_id(market_id_arg), era_number(era_number_arg);
-    if (market_id.is_none()) market_id = call_global(m, n._required_positive_era_int, submit_era, Borrowed(n.market_id));
-    if (era_number.is_none()) {
-        era_number = call_global(m, n._required_positive_era_int, submit_era, Borrowed(n.era_number));
-    }
+    if (market_id.is_none()) market_id = calls::required_positive_era_int(m, submit_era, n.market_id);
+    if (era_number.is_none()) era_number = calls::required_positive_era_int(m, submit_era, n.era_number);
 
-    call_method_kw(self, n._validate_submission_contract,
-                   {signal_pool_name, is_stats, is_pnl_mi, expression_elapsed_seconds},
-                   {{n.thresholds, thresholds},
-                    {n.client_manifest_version, client_manifest_version},
-                    {n.client_manifest_market_id, client_manifest_market_id},
-                    {n.client_manifest_era_number, client_manifest_era_number}});
-    Ref complexity = call_global(m, n._enforce_graph_complexity_for_submit, graph, submit_era);
-    call_global(m, n._enforce_recorded_backtest_timing_for_submit, graph, submit_era);
-    Ref is_stats_payload = call_global(m, n._submission_is_stats_payload, is_stats);
+    calls::validate_submission_contract(m, self, signal_pool_name, is_stats, is_pnl_mi, expression_elapsed_seconds,
+                                        thresholds, client_manifest_version, client_manifest_market_id,
+                                        client_manifest_era_number);
+    Ref complexity = calls::enforce_graph_complexity_for_submit(m, graph, submit_era);
+    calls::enforce_recorded_backtest_timing_for_submit(m, graph, submit_era, graph_entry);
+    Ref is_stats_payload = calls::submission_is_stats_payload(m, is_stats);
 
     Ref body = new_dict();
     set_item(body, Borrowed(n.graph), graph);
@@ -165,15 +170,14 @@ Ref submit_signal(const Module& m, const Ref& self, const Ref& graph, const Ref&
     set_item(body, Borrowed(n.graph_depth), getattr(complexity, n.depth));
     set_item(body, Borrowed(n.graph_node_count), getattr(complexity, n.node_count));
     set_item(body, Borrowed(n.is_stats), is_stats_payload);
-    set_item(body, Borrowed(n.is_pnl_mi), call_global(m, n._mi_contract_json_value, is_pnl_mi));
+    set_item(body, Borrowed(n.is_pnl_mi), calls::mi_contract_json_value(m, is_pnl_mi));
     set_item(body, Borrowed(n.expression_elapsed_seconds), expression_elapsed_seconds);
     set_item(body, Borrowed(n.market_id), to_int(market_id));
     set_item(body, Borrowed(n.era_number), to_int(era_number));
 
     if (!client_manifest_version.is_none()) {
         set_item(body, Borrowed(n.client_manifest_version),
-                 call_global(m, n._validate_optional_manifest_int, client_manifest_version,
-                             Borrowed(n.client_manifest_version)));
+                 calls::validate_optional_manifest_int(m, client_manifest_version, n.client_manifest_version));
     }
     set_item(body, Borrowed(n.client_manifest_market_id),
              manifest_value(m, client_manifest_market_id, market_id, n.client_manifest_market_id));
@@ -182,19 +186,20 @@ Ref submit_signal(const Module& m, const Ref& self, const Ref& graph, const Ref&
 
     if (!metaparameters.is_none()) set_item(body, Borrowed(n.metaparameters), metaparameters);
     if (!search_state.is_none()) set_item(body, Borrowed(n.search_state), search_state);
-    Ref projection = call_global(m, n._simulation_data_contract_projection_from_era, submit_era);
+    Ref projection = calls::simulation_data_contract_projection_from_era(m, submit_era);
     if (!projection.is_none()) set_item(body, Borrowed(n.simulation_data_contract_projection), projection);
-    attach_idempotency_key(m, self, body, idempotency_key);
+    attach_idempotency_key(m, self, body, idempotency_key, graph, graph_entry);
+    graph_entry = Ref();
 
     Ref status_code, resp_body;
     std::optional<Ref> failure_result = request_or_mapped_failure(
-        m, self, {Borrowed(n.POST), Borrowed(n.signals_submit), body}, status_code, resp_body,
+        m, [&] { return calls::canonical_request(m, self, n.POST, n.signals_submit, body); }, status_code, resp_body,
         MappedStatuses::client_and_gateway_errors,
-        [&](const Ref& exc) { return call_method(self, n._submit_result_from_transport_error, exc); },
-        [&](const Ref& exc) { return call_method(self, n._submit_result_from_rejection, exc); },
-        [&](const Ref& exc) { return call_method(self, n._submit_result_from_response_error, exc); });
+        [&](const Ref& exc) { return calls::submit_result_from_transport_error(m, self, exc); },
+        [&](const Ref& exc) { return calls::submit_result_from_rejection(m, self, exc); },
+        [&](const Ref& exc) { return calls::submit_result_from_response_error(m, self, exc); });
     if (failure_result) return *failure_result;
-    return call_method(self, n._submit_result_from_body, status_code, resp_body);
+    return calls::submit_result_from_body(m, self, status_code, resp_body);
 }
 
 // ---- submit_strategy --------------------------------------------------------------------
@@ -213,8 +218,8 @@ Ref submit_strategy(const Module& m, const Ref& self, const Ref& graph, const Re
                     const Ref& idempotency_key, const Ref& client_manifest_version, const Ref& client_manifest_market_id,
                     const Ref& client_manifest_era_number) {
     const Names& n = m.n;
-    Ref named_universe = call_global(m, n._validate_named_universe, named_universe_arg);
-    call_global(m, n._validate_selected_pool_name, strategy_pool_name, Borrowed(n.strategy_pool_name));
+    Ref named_universe = calls::validate_named_universe(m, named_universe_arg);
+    calls::validate_selected_pool_name(m, strategy_pool_name, n.strategy_pool_name);
 
     Ref body = new_dict();
     set_item(body, Borrowed(n.graph), graph);
@@ -228,18 +233,55 @@ Ref submit_strategy(const Module& m, const Ref& self, const Ref& graph, const Re
              manifest_value(m, client_manifest_era_number, era_number, n.client_manifest_era_number));
     if (!client_manifest_version.is_none()) {
         set_item(body, Borrowed(n.client_manifest_version),
-                 call_global(m, n._validate_optional_manifest_int, client_manifest_version,
-                             Borrowed(n.client_manifest_version)));
+                 calls::validate_optional_manifest_int(m, client_manifest_version, n.client_manifest_version));
     }
     if (!metaparameters.is_none()) set_item(body, Borrowed(n.metaparameters), metaparameters);
-    attach_idempotency_key(m, self, body, idempotency_key);
+    attach_idempotency_key(m, self, body, idempotency_key, graph, Ref());
 
-    auto [status_code, resp_body] =
-        unpack_pair(call_method(self, n._canonical_request, Borrowed(n.POST), Borrowed(n.strategies_submit), body));
-    return call_method(self, n._submit_result_from_body, status_code, resp_body);
+    auto [status_code, resp_body] = unpack_pair(calls::canonical_request(m, self, n.POST, n.strategies_submit, body));
+    return calls::submit_result_from_body(m, self, status_code, resp_body);
 }
 
 }  // namespace
+
+namespace calls {
+
+Ref submit_result_from_body(const Module& m, const Ref& self, const Ref& status_code, const Ref& body) {
+    return through_attribute(
+        m, Own::submit_result_from_body, self, m.n._submit_result_from_body,
+        [&](const Ref&) { return tallowmere::submit_result_from_body(m, status_code, body); },
+        [&](const FoundMethod& found) { return call_found(found, self, {status_code, body}); });
+}
+
+Ref submit_result_from_rejection(const Module& m, const Ref& self, const Ref& exc) {
+    return through_attribute(
+        m, Own::submit_result_from_rejection, self, m.n._submit_result_from_rejection,
+        [&](const Ref&) { return tallowmere::submit_result_from_rejection(m, exc); },
+        [&](const FoundMethod& found) { return call_found(found, self, {exc}); });
+}
+
+Ref error_body_from_response_error(const Module& m, const Ref& receiver, const Ref& exc) {
+    return through_attribute(
+        m, Own::error_body_from_response_error, receiver, m.n._error_body_from_response_error,
+        [&](const Ref&) { return tallowmere::error_body_from_response_error(m, exc); },
+        [&](const FoundMethod& found) { return call_found(found, receiver, {exc}); });
+}
+
+Ref submit_result_from_response_error(const Module& m, const Ref& self, const Ref& exc) {
+    return through_attribute(
+        m, Own::submit_result_from_response_error, self, m.n._submit_result_from_response_error,
+        [&](const Ref& cls) { return tallowmere::submit_result_from_response_error(m, cls, exc); },
+        [&](const FoundMethod& found) { return call_found(found, self, {exc}); });
+}
+
+Ref submit_result_from_transport_error(const Module& m, const Ref& self, const Ref& exc) {
+    return through_attribute(
+        m, Own::submit_result_from_transport_error, self, m.n._submit_result_from_transport_error,
+        [&](const Ref&) { return tallowmere::submit_result_from_transport_error(m, exc); },
+        [&](const FoundMethod& found) { return call_found(found, self, {exc}); });
+}
+
+}  // namespace calls
 
 namespace members::client {
 const Member submit_result_from_body = member<submit_result_from_body_signature, tallowmere::submit_result_from_body>();

@@ -7,6 +7,7 @@
 #include "core/classes.hpp"
 #include "core/python.hpp"
 #include "members.hpp"
+#include "standard.hpp"
 
 #include <initializer_list>
 
@@ -44,6 +45,9 @@ void for_each_state_object(ModuleState* state, Visitor&& visit) {
     visit(state->raw_path_parser);
     visit(state->rejected_error_class);
     visit(state->response_error_class);
+    for (PyObject*& callable : state->own) visit(callable);
+    state->standard.visit(visit);
+    visit(state->native);
 }
 
 void init_state(ModuleState* state) {
@@ -139,6 +143,56 @@ void bind_constants(PyObject* module, ModuleState* state) {
                new_tuple({text("universe_id"), text("valid_universe_id"), text("valid_universe_rule_id")}));
 }
 
+// ---- what the calls compare against -------------------------------------------------------
+
+// The own callable `name` as the module or class holds it: the function
+// itself, or the one inside a static or class method.
+Ref own_callable(OwnKind kind, PyObject* module, PyObject* client_class, PyObject* observed_class, PyObject* name) {
+    PyObject* holder = kind == OwnKind::module_function ? PyModule_GetDict(module)
+                       : kind == OwnKind::observed_body_method
+                           ? reinterpret_cast<PyTypeObject*>(observed_class)->tp_dict
+                           : reinterpret_cast<PyTypeObject*>(client_class)->tp_dict;
+    PyObject* value = PyDict_GetItemWithError(holder, name);
+    if (value == nullptr) {
+        if (!PyErr_Occurred()) PyErr_Format(PyExc_SystemError, "tallowmere.submit: %U was not defined", name);
+        propagate();
+    }
+    Ref held{Borrowed(value)};
+    if (kind == OwnKind::client_static_method || kind == OwnKind::client_class_method) {
+        return Ref::checked(PyObject_GetAttrString(held.get(), "__func__"));
+    }
+    return held;
+}
+
+void capture_own_callables(PyObject* module, ModuleState* state, PyObject* client_class, PyObject* observed_class) {
+    const Names& n = state->names;
+#define TALLOWMERE_CAPTURE_OWN(identifier, name, kind)                                                          \
+    Py_XSETREF(state->own[static_cast<size_t>(Own::identifier)],                                              \
+               own_callable(OwnKind::kind, module, client_class, observed_class, n.name).release());
+    TALLOWMERE_OWN_CALLABLES(TALLOWMERE_CAPTURE_OWN)
+#undef TALLOWMERE_CAPTURE_OWN
+}
+
+// tallowmere._native's C API, when the module is there (it is built with this
+// one; a source tree without it calls the siblings' functions as Python calls).
+void bind_native_api(ModuleState* state) {
+    PyObject* native = PyImport_ImportModule("tallowmere._native");
+    if (native == nullptr) {
+        if (!PyErr_ExceptionMatches(PyExc_ImportError)) propagate();
+        PyErr_Clear();
+        return;
+    }
+    Ref module = Ref::steal(native);
+    Ref capsule = getattr(module, Ref(text("_C_API")).get());
+    auto* api = static_cast<const native_api::Api*>(PyCapsule_GetPointer(capsule.get(), native_api::capsule_name));
+    if (api == nullptr) propagate();
+    if (api->version != native_api::version) {
+        raise(PyExc_ImportError, "tallowmere._native was built with another version of tallowmere.submit");
+    }
+    Py_XSETREF(state->native, module.release());
+    state->native_api = api;
+}
+
 // ---- classes -----------------------------------------------------------------------
 
 Ref define_class(PyObject* module, const char* qualified_name, const char* doc,
@@ -157,6 +211,8 @@ int exec_module(PyObject* module) {
                namespace mb = members;
 
                bind_imports(module, n);
+               capture_standard_library(module, state);
+               bind_native_api(state);
                Ref logging = Module::of(module).global(n.logging);
                add_object(module, n.logger, call_method(logging, n.getLogger, text("tallowmere.submit")));
                bind_constants(module, state);
@@ -203,19 +259,18 @@ int exec_module(PyObject* module) {
                    add_function(module, *m);
                }
 
-               add_object(module, n._TransmissionObservedBody,
-                          define_class(module, "tallowmere.submit._TransmissionObservedBody",
-                                       "Seekable request body that observes the first transport read.",
-                                       {&mb::observed_body::init, &mb::observed_body::consumed,
-                                        &mb::observed_body::observe_once, &mb::observed_body::read,
-                                        &mb::observed_body::seek, &mb::observed_body::tell,
-                                        &mb::observed_body::iter, &mb::observed_body::next}));
+               Ref observed_body = define_class(module, "tallowmere.submit._TransmissionObservedBody",
+                                                "Seekable request body that observes the first transport read.",
+                                                {&mb::observed_body::init, &mb::observed_body::consumed,
+                                                 &mb::observed_body::observe_once, &mb::observed_body::read,
+                                                 &mb::observed_body::seek, &mb::observed_body::tell,
+                                                 &mb::observed_body::iter, &mb::observed_body::next});
+               add_object(module, n._TransmissionObservedBody, observed_body);
 
                add_function(module, mb::request_json);
 
                namespace c = mb::client;
-               add_object(module, n.SignalServiceClient,
-                          define_class(module, "tallowmere.submit.SignalServiceClient",
+               Ref client = define_class(module, "tallowmere.submit.SignalServiceClient",
                                        "Result-based HTTP SDK facade backed by the canonical submit transport.",
                                        {&c::init,
                                         &c::close,
@@ -250,7 +305,9 @@ int exec_module(PyObject* module) {
                                         &c::submit_signals_batch,
                                         &c::get_signal_status,
                                         &c::list_signal_submissions,
-                                        &c::poll_until_terminal}));
+                                        &c::poll_until_terminal});
+               add_object(module, n.SignalServiceClient, client);
+               capture_own_callables(module, state, client.get(), observed_body.get());
                return Ref(none());
            }) == nullptr
                ? -1

@@ -1,9 +1,13 @@
 // The request path every call of the client takes: URL building, the
 // authenticated JSON request through a transport callback, and the decoding
 // of the answer into a JSON object (or an error that says why not).
+#include "calls.hpp"
 #include "core/function.hpp"
 #include "core/python.hpp"
+#include "dispatch.hpp"
 #include "members.hpp"
+#include "request_path.hpp"
+#include "standard.hpp"
 
 #include <vector>
 
@@ -73,11 +77,27 @@ Ref percent_encode(const Module& m, const Ref& value) {
 constexpr auto join_url_signature =
     signature("_join_url", Binding::module_function, nullptr, param("server_url"), param("endpoint"));
 
+// The characters of an exact str between `start` and `stop` after dropping
+// any run of "/" at its end (rstrip) or at its start (lstrip).
+Ref stripped_slashes(const Ref& value, bool at_end) {
+    Py_ssize_t start = 0, stop = PyUnicode_GET_LENGTH(value.get());
+    int kind = PyUnicode_KIND(value.get());
+    const void* data = PyUnicode_DATA(value.get());
+    if (at_end) {
+        while (stop > 0 && PyUnicode_READ(kind, data, stop - 1) == '/') --stop;
+    } else {
+        while (start < stop && PyUnicode_READ(kind, data, start) == '/') ++start;
+    }
+    return Ref::checked(PyUnicode_Substring(value.get(), start, stop));
+}
+
 Ref join_url(const Module& m, const Ref& server_url, const Ref& endpoint) {
     // server_url.rstrip("/") + "/" + endpoint.lstrip("/")
     Borrowed slash(m.n.slash);
-    Ref base = call_method(server_url, m.n.rstrip, slash);
-    Ref route = call_method(endpoint, m.n.lstrip, slash);
+    Ref base = PyUnicode_CheckExact(server_url.get()) ? stripped_slashes(server_url, true)
+                                                      : call_method(server_url, m.n.rstrip, slash);
+    Ref route = PyUnicode_CheckExact(endpoint.get()) ? stripped_slashes(endpoint, false)
+                                                     : call_method(endpoint, m.n.lstrip, slash);
     Ref joined = Ref::checked(PyNumber_Add(base.get(), slash.get()));
     return Ref::checked(PyNumber_Add(joined.get(), route.get()));
 }
@@ -113,10 +133,7 @@ Ref parse_response_json(const Module& m, const Ref& status_code, const Ref& resp
                         const Ref& operation) {
     const Names& n = m.n;
     Ref data = try_except(
-        [&] {
-            Ref json = m.global(n.json);
-            return call_method(json, n.loads, response_body_bytes);
-        },
+        [&] { return json_loads(m, response_body_bytes); },
         [&](const Caught& caught) -> Ref {
             Ref json = m.global(n.json);
             Ref decode_errors = new_tuple({getattr(json, n.JSONDecodeError), Borrowed(PyExc_UnicodeDecodeError),
@@ -139,6 +156,17 @@ Ref parse_response_json(const Module& m, const Ref& status_code, const Ref& resp
 
 // ---- _request_json ------------------------------------------------------------------------
 
+// 200 <= status_code < 300
+bool is_success_status(const Ref& status_code) {
+    if (PyLong_CheckExact(status_code.get())) {
+        int overflow = 0;
+        long long status = PyLong_AsLongLongAndOverflow(status_code.get(), &overflow);
+        if (overflow == 0) return 200 <= status && status < 300;
+    }
+    Ref low = integer(200), high = integer(300);
+    return compare(low, status_code, Py_LE) && compare(status_code, high, Py_LT);
+}
+
 constexpr auto request_json_signature = signature(
     "_request_json", Binding::module_function,
     "Run an authenticated JSON request through the supplied transport.\n\n"
@@ -149,23 +177,26 @@ constexpr auto request_json_signature = signature(
     param("method"), param("endpoint"), param("get_token"), param("server_url"), param("body"),
     param("request_func"), param("transmission_observer", none_default));
 
-Ref request_json(const Module& m, const Ref& method, const Ref& endpoint, const Ref& get_token, const Ref& server_url,
-                 const Ref& body, const Ref& request_func, const Ref& transmission_observer) {
+}  // namespace
+
+Ref request_json_for(const Module& m, const Ref& method, const Ref& endpoint, const RequestParties& parties,
+                     const Ref& server_url, const Ref& body, const Ref& transmission_observer) {
     const Names& n = m.n;
-    Ref url = call_global(m, n._join_url, server_url, endpoint);
+    Ref url = calls::join_url(m, server_url, endpoint);
     call_global(m, n.validate_bearer_transport_url, url);
-    Ref token = call(get_token);
+    Ref token = parties.get_token ? call(*parties.get_token) : getattr(*parties.token_owner, n._jwt_token);
 
     Ref headers = new_dict();
-    set_item(headers, Borrowed(n.Authorization), concat({text("Bearer "), str(token)}));
+    Ref bearer = PyUnicode_CheckExact(token.get()) ? Ref::checked(PyUnicode_Concat(n.bearer_prefix, token.get()))
+                                                   : concat({Borrowed(n.bearer_prefix), str(token)});
+    set_item(headers, Borrowed(n.Authorization), bearer);
 
     Ref body_bytes = Ref(none());
     if (!body.is_none()) {
         set_item(headers, Borrowed(n.Content_Type), Borrowed(n.application_json));
         Ref idempotency_key = is_dict(body) ? mapping_get(m, body, n.idempotency_key) : Ref(none());
         if (truthy(idempotency_key)) set_item(headers, Borrowed(n.Idempotency_Key), str(idempotency_key));
-        Ref serialised = call_method(m.global(n.json), n.dumps, body);
-        body_bytes = call_method(serialised, n.encode, Borrowed(n.utf_8));
+        body_bytes = json_dumps_bytes(m, body);
     }
 
     Ref request_body = body_bytes;
@@ -176,24 +207,53 @@ Ref request_json(const Module& m, const Ref& method, const Ref& endpoint, const 
         request_body = observed_body;
     }
 
-    auto [status_code, resp_body] = unpack_pair(call(request_func, method, url, headers, request_body));
+    Ref answer = parties.request_func ? call(*parties.request_func, method, url, headers, request_body)
+                                      : send_through_client(m, *parties.sender, method, url, headers, request_body);
+    auto [status_code, resp_body] = unpack_pair(answer);
 
     if (!observed_body.is_none() && !truthy(getattr(observed_body, n.consumed))) {
         raise(PyExc_RuntimeError,
               "transport returned without consuming the request body; transmission observer could not be honored");
     }
 
-    Ref resp_data = call_global_kw(m, n._parse_response_json, {status_code, resp_body, url},
-                                   {{n.operation, endpoint}});
+    Ref resp_data = calls::parse_response_json(m, status_code, resp_body, url, endpoint);
 
-    Ref low = integer(200), high = integer(300);
-    if (!(compare(low, status_code, Py_LE) && compare(status_code, high, Py_LT))) {
-        call_global(m, n._raise_submission_rejected, status_code, resp_data);
-    }
+    if (!is_success_status(status_code)) calls::raise_submission_rejected(m, status_code, resp_data);
     return new_tuple({status_code, resp_data});
 }
 
+namespace {
+
+Ref request_json(const Module& m, const Ref& method, const Ref& endpoint, const Ref& get_token, const Ref& server_url,
+                 const Ref& body, const Ref& request_func, const Ref& transmission_observer) {
+    return request_json_for(m, method, endpoint, RequestParties{&get_token, nullptr, &request_func, nullptr}, server_url, body,
+                            transmission_observer);
+}
+
 }  // namespace
+
+namespace calls {
+
+Ref percent_encode(const Module& m, const Ref& value) {
+    return through_global(
+        m, Own::percent_encode, m.n._percent_encode, [&] { return tallowmere::percent_encode(m, value); },
+        [&](const Ref& f) { return call(f, value); });
+}
+
+Ref join_url(const Module& m, const Ref& server_url, const Ref& endpoint) {
+    return through_global(
+        m, Own::join_url, m.n._join_url, [&] { return tallowmere::join_url(m, server_url, endpoint); },
+        [&](const Ref& f) { return call(f, server_url, endpoint); });
+}
+
+Ref parse_response_json(const Module& m, const Ref& status_code, const Ref& body, const Ref& url, const Ref& operation) {
+    return through_global(
+        m, Own::parse_response_json, m.n._parse_response_json,
+        [&] { return tallowmere::parse_response_json(m, status_code, body, url, operation); },
+        [&](const Ref& f) { return call_kw(f, {status_code, body, url}, {{m.n.operation, operation}}); });
+}
+
+}  // namespace calls
 
 namespace members {
 const Member percent_encode = member<percent_encode_signature, tallowmere::percent_encode>();

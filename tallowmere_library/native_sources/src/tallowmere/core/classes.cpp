@@ -298,33 +298,35 @@ Ref make_exception_class(PyObject* module, const char* qualified_name, const cha
     return Ref::checked(PyType_FromModuleAndSpec(module, &spec, base));
 }
 
-void add_member(PyObject* module, const Ref& cls, const Member& member) {
+Ref add_member(PyObject* module, const Ref& cls, const Member& member) {
     Ref name = text(unqualified_name(member.signature().qualname));
+    Ref function = member.binding == Binding::instance_method ? make_method(module, member)
+                                                              : function_object(module, member);
     Ref value;
     switch (member.binding) {
         case Binding::instance_method:
-            value = make_method(module, member);
+        case Binding::module_function:
+            value = function;
             break;
         case Binding::static_method:
-            value = Ref::checked(PyStaticMethod_New(function_object(module, member).get()));
+            value = Ref::checked(PyStaticMethod_New(function.get()));
             break;
         case Binding::class_method:
-            value = Ref::checked(PyClassMethod_New(function_object(module, member).get()));
+            value = Ref::checked(PyClassMethod_New(function.get()));
             break;
         case Binding::property_getter:
-            value = call(Borrowed(reinterpret_cast<PyObject*>(&PyProperty_Type)), function_object(module, member));
-            break;
-        case Binding::module_function:
-            value = function_object(module, member);
+            value = call(Borrowed(reinterpret_cast<PyObject*>(&PyProperty_Type)), function);
             break;
     }
     check_status(PyObject_SetAttr(cls.get(), name.get(), value.get()));
+    return function;
 }
 
-void add_function(PyObject* module, const Member& member) {
+Ref add_function(PyObject* module, const Member& member) {
     Ref function = function_object(module, member);
     Ref name = text(member.method_def()->ml_name);
     check_status(PyObject_SetAttr(module, name.get(), function.get()));
+    return function;
 }
 
 void add_object(PyObject* module, PyObject* name, const Ref& value) {

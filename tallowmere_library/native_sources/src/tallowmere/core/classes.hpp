@@ -18,9 +18,13 @@ Ref make_class(PyObject* module, const char* qualified_name, const char* doc);
 // class <name>(<base>) for an exception base such as Exception.
 Ref make_exception_class(PyObject* module, const char* qualified_name, const char* doc, PyObject* base);
 
-// Binds `member` as an attribute of `cls` (or of the module), under its own name.
-void add_member(PyObject* module, const Ref& cls, const Member& member);
-void add_function(PyObject* module, const Member& member);
+// Binds `member` as an attribute of `cls` (or of the module), under its own
+// name. Each returns the function it made: what a call of the attribute ends
+// up calling (for a static or class method the function inside the
+// staticmethod or classmethod, for a property its getter), by which the
+// module recognises its own callables later.
+Ref add_member(PyObject* module, const Ref& cls, const Member& member);
+Ref add_function(PyObject* module, const Member& member);
 // module.<name> = value
 void add_object(PyObject* module, PyObject* name, const Ref& value);
 

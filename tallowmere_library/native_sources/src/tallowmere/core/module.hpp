@@ -21,6 +21,8 @@ public:
     Ref global(PyObject* name) const;
 
     PyObject* object() const { return object_; }
+    // The module namespace (borrowed: the module keeps it).
+    PyObject* dict() const { return dict_; }
     void* raw_state() const { return state_; }
 
 protected:

@@ -46,6 +46,23 @@ Ref call_method_kw(const Ref& self, PyObject* name, std::initializer_list<Arg> p
     return Ref::checked(PyObject_VectorcallMethod(name, c.args(), c.nargsf(), c.kwnames()));
 }
 
+FoundMethod find_method(const Ref& self, PyObject* name) {
+    PyObject* callable = nullptr;
+    int unbound = _PyObject_GetMethod(self.get(), name, &callable);
+    if (callable == nullptr) propagate();
+    return {Ref::steal(callable), unbound != 0};
+}
+
+Ref call_found(const FoundMethod& found, const Ref& self, std::initializer_list<Arg> positional,
+               std::initializer_list<Kw> keywords) {
+    if (found.unbound) {
+        KeywordCall c({self}, positional, keywords);
+        return Ref::checked(PyObject_Vectorcall(found.callable.get(), c.args(), c.nargsf(), c.kwnames()));
+    }
+    KeywordCall c({}, positional, keywords);
+    return Ref::checked(PyObject_Vectorcall(found.callable.get(), c.args(), c.nargsf(), c.kwnames()));
+}
+
 Ref call_global_kw(const ModuleBase& m, PyObject* name, std::initializer_list<Arg> positional,
                    std::initializer_list<Kw> keywords) {
     Ref callable = m.global(name);

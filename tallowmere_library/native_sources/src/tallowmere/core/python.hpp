@@ -43,6 +43,22 @@ Ref call_method(const Ref& self, PyObject* name, const Args&... args) {
 Ref call_method_kw(const Ref& self, PyObject* name, std::initializer_list<Arg> positional,
                    std::initializer_list<Kw> keywords);
 
+// What `self.name` gives a call, found as the interpreter's method calls find
+// it (the type's attribute, unless the instance's __dict__ holds the name or
+// the type looks attributes up its own way): a function of the type that
+// still needs `self` in front of the arguments (`unbound`), or the attribute's
+// value itself (a bound method, a static method's function, anything).
+struct FoundMethod {
+    Ref callable;
+    bool unbound;
+};
+FoundMethod find_method(const Ref& self, PyObject* name);
+
+// found(*positional, **keywords) for `self.name(...)`, `self` put in front
+// when the function is unbound.
+Ref call_found(const FoundMethod& found, const Ref& self, std::initializer_list<Arg> positional,
+               std::initializer_list<Kw> keywords = {});
+
 // A module global called with positional arguments: `name(*args)`.
 template <class... Args>
 Ref call_global(const ModuleBase& m, PyObject* name, const Args&... args) {

@@ -8,6 +8,7 @@
 // consumption takes it while the graph is unchanged) and the assessment of a
 // record against an era's budgets.
 #include "_native/siblings/support.hpp"
+#include "core/containers.hpp"
 
 #include <cmath>
 
@@ -40,6 +41,8 @@ constexpr auto require_signature =
               "(compiled tallowmere.simulation.backtest_timing.require_recorded_backtest_timing).",
               param("graph"));
 
+}  // namespace
+
 Ref require_recorded_backtest_timing(const Module& m, const Ref& graph) {
     const Names& n = m.n;
     if (!sibling_intact(m, here)) {
@@ -51,11 +54,15 @@ Ref require_recorded_backtest_timing(const Module& m, const Ref& graph) {
     return record;
 }
 
+namespace {
+
 constexpr auto consume_signature =
     signature("consume_recorded_backtest_timing", Binding::module_function,
               "Return the usable record of ``graph`` (None when there is none) and mark it consumed "
               "(compiled tallowmere.simulation.backtest_timing.consume_recorded_backtest_timing).",
               param("graph"));
+
+}  // namespace
 
 Ref consume_recorded_backtest_timing(const Module& m, const Ref& graph) {
     const Names& n = m.n;
@@ -65,6 +72,8 @@ Ref consume_recorded_backtest_timing(const Module& m, const Ref& graph) {
     return call_method(store_of(m), n.sib_consume, fingerprint_of(m, graph, Memo::take));
 }
 
+namespace {
+
 constexpr auto require_all_signature =
     signature("require_recorded_backtest_timings", Binding::module_function,
               "Return the usable record of every graph of a batch, in batch order "
@@ -73,24 +82,51 @@ constexpr auto require_all_signature =
 
 Ref batch_item_suffix(Py_ssize_t index) { return format_text(" (batch item %zd)", index); }
 
-Ref require_recorded_backtest_timings(const Module& m, const Ref& graphs) {
+}  // namespace
+
+namespace {
+
+// Every graph's usable record, in order; with `entries`, a graph entry per
+// graph in a new list (None where none was made; a graph that comes again is
+// encoded once).
+Ref require_all(const Module& m, const Ref& graphs, Ref* entries) {
     const Names& n = m.n;
     if (!sibling_intact(m, here)) {
         return call(python_implementation(m, here, n.sib_require_recorded_backtest_timings), graphs);
     }
+    bool own_fingerprint = entries != nullptr && sibling_global(m, here, n.sib_graph_fingerprint).get() ==
+                                                     m.state().siblings.graph_fingerprint_function;
+    Ref kept = new_list();
+    // A graph's position in `kept`. An entry holds its graph, so an address
+    // that names an entry's graph names that graph.
+    PointerTable<Py_ssize_t> seen;
     Ref fingerprints = new_list();
     Py_ssize_t index = 0;
     for_each(graphs, [&](const Ref& graph) {
-        Ref fingerprint = try_except([&] { return fingerprint_of(m, graph, Memo::consult); },
-                                     [&](const Caught& caught) -> Ref {
-                                         if (!caught.matches(Borrowed(PyExc_ValueError))) caught.reraise();
-                                         // raise ValueError(f"{exc} (batch item {index})") from None
-                                         Ref message = concat({format(Ref(caught.exception())), batch_item_suffix(index)});
-                                         Ref error = call(Borrowed(PyExc_ValueError), message);
-                                         PyException_SetCause(error.get(), nullptr);
-                                         raise_instance(error);
-                                     });
+        Ref entry;
+        Ref fingerprint = try_except(
+            [&] {
+                if (!own_fingerprint) return fingerprint_of(m, graph, Memo::consult);
+                if (const Py_ssize_t* earlier = seen.find(graph.get())) {
+                    Ref known{Borrowed(PyList_GET_ITEM(kept.get(), *earlier))};
+                    if (Ref known_fingerprint = entry_fingerprint(known.get(), graph.get())) {
+                        entry = known;
+                        return known_fingerprint;
+                    }
+                }
+                return fingerprint_with_entry(m, graph, &entry);
+            },
+            [&](const Caught& caught) -> Ref {
+                if (!caught.matches(Borrowed(PyExc_ValueError))) caught.reraise();
+                // raise ValueError(f"{exc} (batch item {index})") from None
+                Ref message = concat({format(Ref(caught.exception())), batch_item_suffix(index)});
+                Ref error = call(Borrowed(PyExc_ValueError), message);
+                PyException_SetCause(error.get(), nullptr);
+                raise_instance(error);
+            });
         list_append(fingerprints, fingerprint);
+        if (entry) seen.set(graph.get(), PyList_GET_SIZE(kept.get()));
+        list_append(kept, entry ? entry : Ref(none()));
         ++index;
     });
     Ref records = call_method(store_of(m), n.sib_lookup_all, fingerprints);
@@ -101,8 +137,51 @@ Ref require_recorded_backtest_timings(const Module& m, const Ref& graphs) {
         list_append(found, record);
         ++index;
     });
+    if (entries != nullptr) *entries = kept;
     return found;
 }
+
+}  // namespace
+
+Ref require_recorded_backtest_timings(const Module& m, const Ref& graphs) { return require_all(m, graphs, nullptr); }
+
+Ref require_timings_with_entries(const Module& m, const Ref& graphs, Ref* entries) {
+    *entries = Ref();
+    return require_all(m, graphs, entries);
+}
+
+Ref require_timing_with_entry(const Module& m, const Ref& graph, Ref* entry) {
+    const Names& n = m.n;
+    *entry = Ref();
+    if (!sibling_intact(m, here)) {
+        return call(python_implementation(m, here, n.sib_require_recorded_backtest_timing), graph);
+    }
+    Ref kept;
+    Ref fingerprint = sibling_global(m, here, n.sib_graph_fingerprint).get() ==
+                              m.state().siblings.graph_fingerprint_function
+                          ? fingerprint_with_entry(m, graph, &kept)
+                          : fingerprint_of(m, graph, Memo::consult);
+    Ref record = call_method(store_of(m), n.sib_lookup, fingerprint);
+    if (record.is_none()) raise_missing_timing(m);
+    *entry = kept;
+    return record;
+}
+
+Ref consume_timing_with_entry(const Module& m, const Ref& graph, const Ref& entry) {
+    const Names& n = m.n;
+    if (!sibling_intact(m, here)) {
+        return call(python_implementation(m, here, n.sib_consume_recorded_backtest_timing), graph);
+    }
+    Ref fingerprint;
+    if (sibling_global(m, here, n.sib_graph_fingerprint).get() == m.state().siblings.graph_fingerprint_function &&
+        sibling_intact(m, Sibling::graph_complexity)) {
+        fingerprint = entry_fingerprint(entry.get(), graph.get());
+    }
+    if (!fingerprint) fingerprint = fingerprint_of(m, graph, Memo::take);
+    return call_method(store_of(m), n.sib_consume, fingerprint);
+}
+
+namespace {
 
 // ---- assess_client_backtest_timing ---------------------------------------------------------------
 
@@ -137,6 +216,8 @@ bool operator_holds(const Ref& a, const Ref& b, int op) {
     return truthy(Ref::checked(PyObject_RichCompare(a.get(), b.get(), op)));
 }
 
+}  // namespace
+
 Ref assess_client_backtest_timing(const Module& m, const Ref& record, const Ref& frequency,
                                   const Ref& per_row_budget_seconds, const Ref& whole_budget_seconds) {
     const Names& n = m.n;
@@ -169,7 +250,6 @@ Ref assess_client_backtest_timing(const Module& m, const Ref& record, const Ref&
     return verdict;
 }
 
-}  // namespace
 
 namespace sibling_members {
 const Member require_recorded_backtest_timing =

@@ -6,8 +6,10 @@
 // tuple, str, int, float, bool, None) without recursion and without running
 // any Python code; a graph holding anything else, or one the module refuses,
 // goes to the module's Python functions, which give the result or the error.
-#include "_native/siblings/pointer_table.hpp"
-#include "_native/siblings/sha256.hpp"
+#include "core/containers.hpp"
+#include "core/json_text.hpp"
+#include "core/sha256.hpp"
+#include "core/watch.hpp"
 #include "_native/siblings/support.hpp"
 
 #include <algorithm>
@@ -15,6 +17,7 @@
 #include <cmath>
 #include <cstring>
 #include <memory>
+#include <string>
 
 namespace tallowmere::native {
 
@@ -122,6 +125,8 @@ constexpr auto measure_graph_complexity_signature =
               "(compiled tallowmere.simulation.graph_complexity.measure_graph_complexity).",
               param("graph"));
 
+}  // namespace
+
 Ref measure_graph_complexity(const Module& m, const Ref& graph) {
     const Names& n = m.n;
     long long depth = 0, count = 0;
@@ -133,234 +138,21 @@ Ref measure_graph_complexity(const Module& m, const Ref& graph) {
                        {{n.sib_depth, integer(depth)}, {n.sib_node_count, integer(count)}});
 }
 
-// ---- canonical JSON -------------------------------------------------------------------------
+namespace {
 
-// The text json.dumps(value, sort_keys=True, separators=(",", ":"),
-// allow_nan=False) gives, for values of the exact JSON types; `encode`
-// answers false for anything else and for what json.dumps refuses.
-class CanonicalJson {
-public:
-    bool encode(PyObject* value);
-    const char* data() const { return text_.data(); }
-    size_t size() const { return text_.size(); }
-
-private:
-    enum class Kind : unsigned char { value, key, comma, close_list, close_dict };
-    struct Work {
-        Kind kind;
-        PyObject* object;
-    };
-    struct Item {
-        PyObject* key;
-        PyObject* value;
-    };
-
-    bool scalar(PyObject* value);
-    void string(PyObject* value);
-    bool open(PyObject* container);
-    void add(char c) { text_.push_back(c); }
-    void add(const char* text, size_t length) { text_.append(text, length); }
-    void add(const char* text) { add(text, std::strlen(text)); }
-
-    SmallVector<char, 1024> text_;
-    SmallVector<Work, 64> work_;
-    SmallVector<Item, 16> items_;
-    PointerTable<bool> open_containers_;
-};
-
-// The escape json.dumps writes (with ensure_ascii) for a character it does
-// not write as it is.
-template <class Text>
-void escape(Text& out, Py_UCS4 c) {
-    static constexpr char digits[] = "0123456789abcdef";
-    out.push_back('\\');
-    switch (c) {
-        case '\\':
-        case '"':
-            out.push_back(static_cast<char>(c));
-            return;
-        case '\b':
-            out.push_back('b');
-            return;
-        case '\f':
-            out.push_back('f');
-            return;
-        case '\n':
-            out.push_back('n');
-            return;
-        case '\r':
-            out.push_back('r');
-            return;
-        case '\t':
-            out.push_back('t');
-            return;
-        default:
-            break;
-    }
-    if (c >= 0x10000) {
-        // A UTF-16 surrogate pair.
-        Py_UCS4 high = 0xd800 | ((c - 0x10000) >> 10);
-        out.push_back('u');
-        for (int shift = 12; shift >= 0; shift -= 4) out.push_back(digits[(high >> shift) & 0xf]);
-        c = 0xdc00 | ((c - 0x10000) & 0x3ff);
-        out.push_back('\\');
-    }
-    out.push_back('u');
-    for (int shift = 12; shift >= 0; shift -= 4) out.push_back(digits[(c >> shift) & 0xf]);
-}
-
-inline bool printable_ascii(Py_UCS4 c) { return c >= ' ' && c <= '~' && c != '\\' && c != '"'; }
-
-void CanonicalJson::string(PyObject* value) {
-    Py_ssize_t length = PyUnicode_GET_LENGTH(value);
-    add('"');
-    if (PyUnicode_IS_ASCII(value)) {
-        const char* data = reinterpret_cast<const char*>(PyUnicode_1BYTE_DATA(value));
-        Py_ssize_t start = 0;
-        for (Py_ssize_t i = 0; i < length; ++i) {
-            if (printable_ascii(static_cast<unsigned char>(data[i]))) continue;
-            add(data + start, static_cast<size_t>(i - start));
-            escape(text_, static_cast<unsigned char>(data[i]));
-            start = i + 1;
-        }
-        add(data + start, static_cast<size_t>(length - start));
-    } else {
-        int kind = PyUnicode_KIND(value);
-        const void* data = PyUnicode_DATA(value);
-        for (Py_ssize_t i = 0; i < length; ++i) {
-            Py_UCS4 c = PyUnicode_READ(kind, data, i);
-            if (printable_ascii(c)) {
-                add(static_cast<char>(c));
-            } else {
-                escape(text_, c);
-            }
-        }
-    }
-    add('"');
-}
-
-bool CanonicalJson::scalar(PyObject* value) {
-    if (PyUnicode_CheckExact(value)) {
-        string(value);
-    } else if (value == Py_None) {
-        add("null");
-    } else if (value == Py_True) {
-        add("true");
-    } else if (value == Py_False) {
-        add("false");
-    } else if (PyLong_CheckExact(value)) {
-        int overflow = 0;
-        long long number = PyLong_AsLongLongAndOverflow(value, &overflow);
-        if (overflow == 0) {
-            char digits[24];
-            add(digits, static_cast<size_t>(std::to_chars(digits, digits + sizeof digits, number).ptr - digits));
-        } else {
-            // int.__repr__, which refuses integers beyond the interpreter's digit limit.
-            Ref digits = Ref::steal(PyLong_Type.tp_repr(value));
-            if (!digits) return false;
-            Py_ssize_t size = 0;
-            const char* utf8 = PyUnicode_AsUTF8AndSize(digits.get(), &size);
-            if (utf8 == nullptr) return false;
-            add(utf8, static_cast<size_t>(size));
-        }
-    } else if (PyFloat_CheckExact(value)) {
-        double number = PyFloat_AS_DOUBLE(value);
-        if (!std::isfinite(number)) return false;
-        // float.__repr__
-        char* repr = PyOS_double_to_string(number, 'r', 0, Py_DTSF_ADD_DOT_0, nullptr);
-        if (repr == nullptr) return false;
-        add(repr);
-        PyMem_Free(repr);
-    } else {
-        return false;
-    }
-    return true;
-}
-
-bool CanonicalJson::open(PyObject* container) {
-    if (open_containers_.find(container)) return false;  // it contains itself
-    open_containers_.set(container, true);
-    return true;
-}
-
-bool CanonicalJson::encode(PyObject* root) {
-    work_.push_back({Kind::value, root});
-    while (!work_.empty()) {
-        Work entry = work_.back();
-        work_.pop_back();
-        PyObject* value = entry.object;
-        switch (entry.kind) {
-            case Kind::comma:
-                add(',');
-                continue;
-            case Kind::key:
-                string(value);
-                add(':');
-                continue;
-            case Kind::close_list:
-                add(']');
-                open_containers_.erase(value);
-                continue;
-            case Kind::close_dict:
-                add('}');
-                open_containers_.erase(value);
-                continue;
-            case Kind::value:
-                break;
-        }
-        if (is_list_or_tuple(value)) {
-            Py_ssize_t size = size_of(value);
-            if (size == 0) {
-                add("[]");
-                continue;
-            }
-            if (!open(value)) return false;
-            add('[');
-            work_.push_back({Kind::close_list, value});
-            for (Py_ssize_t i = size - 1; i >= 0; --i) {
-                work_.push_back({Kind::value, item_of(value, i)});
-                if (i > 0) work_.push_back({Kind::comma, nullptr});
-            }
-        } else if (PyDict_CheckExact(value)) {
-            if (PyDict_GET_SIZE(value) == 0) {
-                add("{}");
-                continue;
-            }
-            if (!open(value)) return false;
-            items_.clear();
-            Py_ssize_t position = 0;
-            PyObject *key, *member;
-            while (PyDict_Next(value, &position, &key, &member)) {
-                if (!PyUnicode_CheckExact(key)) return false;
-                items_.push_back({key, member});
-            }
-            // Keys of one dict are distinct, so the order of the keys alone
-            // decides, as sorting the (key, value) pairs does.
-            std::sort(items_.begin(), items_.end(),
-                      [](const Item& a, const Item& b) { return PyUnicode_Compare(a.key, b.key) < 0; });
-            add('{');
-            work_.push_back({Kind::close_dict, value});
-            for (size_t i = items_.size(); i-- > 0;) {
-                work_.push_back({Kind::value, items_[i].value});
-                work_.push_back({Kind::key, items_[i].key});
-                if (i > 0) work_.push_back({Kind::comma, nullptr});
-            }
-        } else if (!scalar(value)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// ---- the memo of recent fingerprints ----------------------------------------------------------
+// ---- graph entries and the memo of recent fingerprints ------------------------------------------
 //
-// A submission looks its graph's timing up and later consumes it, each time
-// by the graph's fingerprint. The lookup remembers the graph it fingerprinted,
-// with what proves it unchanged; the consumption takes that fingerprint when
-// the graph is the same object and unchanged, instead of computing it again.
+// A submission looks its graph's timing up, later consumes it, and then keys
+// its body, whose canonical text holds the graph's: three times the graph's
+// canonical text. The lookup keeps an entry of the graph, its text and
+// fingerprint, with what proves the graph unchanged; the later steps use the
+// entry when the graph is the same object and unchanged, instead of
+// encoding the graph again. The client holds the entry for the length of
+// one submission (through the C API); calls from Python keep it in a memo of
+// the last few graphs looked up, which the consumption empties.
 //
 // The proof: the version tag of every dict in the graph (CPython 3.12 renews
-// a dict's tag at each change of it) and the items of every list. The memo
+// a dict's tag at each change of it) and the items of every list. The entry
 // holds the graph and the items of its lists, so every object in it stays
 // alive: a dict whose tag is unchanged still holds the same keys and values,
 // a list whose items are the same objects is unchanged, a tuple cannot change,
@@ -371,13 +163,6 @@ bool CanonicalJson::encode(PyObject* root) {
 // its address, length and items, for a tuple its address; containers are
 // entered in dict and list order.
 using ShapeWords = SmallVector<uintptr_t, 32>;
-
-uint64_t dict_version(PyObject* dict) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    return reinterpret_cast<PyDictObject*>(dict)->ma_version_tag;
-#pragma GCC diagnostic pop
-}
 
 bool is_container(PyObject* value) { return PyDict_CheckExact(value) || is_list_or_tuple(value); }
 
@@ -418,28 +203,33 @@ bool walk_shape(PyObject* graph, Note&& note, Hold&& hold) {
     return true;
 }
 
-// One remembered graph (the pointer of a capsule).
-struct MemoEntry {
+// One graph entry (the pointer of a capsule).
+struct GraphEntry {
     Ref graph;
     Ref fingerprint;
+    std::string text;  // the canonical JSON of the graph
+    size_t depth = 0;  // how deeply containers nest in it
     ShapeWords shape;
     SmallVector<PyObject*, 16> held;  // strong references to the lists' items
 
-    ~MemoEntry() {
+    ~GraphEntry() {
         for (PyObject* item : held) Py_DECREF(item);
     }
 };
 
-constexpr const char memo_capsule_name[] = "tallowmere._native.fingerprint_memo";
-constexpr size_t memo_max_shape = 1024;
+constexpr const char entry_capsule_name[] = "tallowmere._native.graph_entry";
+// Graphs whose proof would be longer get no entry: proving them unchanged
+// would cost about as much as encoding them again.
+constexpr size_t entry_max_shape = 1024;
 
-MemoEntry* entry_of(PyObject* capsule) {
-    return static_cast<MemoEntry*>(PyCapsule_GetPointer(capsule, memo_capsule_name));
+GraphEntry* entry_of(PyObject* capsule) {
+    if (!PyCapsule_IsValid(capsule, entry_capsule_name)) return nullptr;
+    return static_cast<GraphEntry*>(PyCapsule_GetPointer(capsule, entry_capsule_name));
 }
 
 void free_entry(PyObject* capsule) { delete entry_of(capsule); }
 
-bool still_same(MemoEntry& entry) {
+bool still_same(GraphEntry& entry) {
     size_t index = 0;
     size_t end = entry.shape.size();
     bool same = walk_shape(
@@ -448,13 +238,54 @@ bool still_same(MemoEntry& entry) {
     return same && index == end;
 }
 
+// The entry of `graph` if it is one and the graph is unchanged.
+GraphEntry* current_entry(PyObject* capsule, PyObject* graph) {
+    GraphEntry* entry = capsule != nullptr ? entry_of(capsule) : nullptr;  // None is no entry
+    if (entry == nullptr || entry->graph.get() != graph || !still_same(*entry)) return nullptr;
+    return entry;
+}
+
+Ref hex_text(const char hex[64]) {
+    Ref text = Ref::checked(PyUnicode_New(64, 127));
+    std::memcpy(PyUnicode_1BYTE_DATA(text.get()), hex, 64);
+    return text;
+}
+
+// The fingerprint of the canonical text `json` holds.
+Ref fingerprint_of_text(const JsonText& json) {
+    char hex[64];
+    sha256_hex(reinterpret_cast<const unsigned char*>(json.data()), json.size(), hex);
+    return hex_text(hex);
+}
+
+// An entry of `graph`, whose canonical text `json` holds; empty when the
+// graph is too large to keep an entry of.
+Ref new_entry(PyObject* graph, const JsonText& json, const Ref& fingerprint) {
+    auto entry = std::make_unique<GraphEntry>();
+    entry->graph = Ref(Borrowed(graph));
+    entry->fingerprint = fingerprint;
+    bool small = walk_shape(
+        graph,
+        [&](uintptr_t word) {
+            entry->shape.push_back(word);
+            return entry->shape.size() <= entry_max_shape;
+        },
+        [&](PyObject* item) { entry->held.push_back(Py_NewRef(item)); });
+    if (!small) return Ref();
+    entry->text.assign(json.data(), json.size());
+    entry->depth = json.depth();
+    Ref capsule = Ref::checked(PyCapsule_New(entry.get(), entry_capsule_name, free_entry));
+    entry.release();
+    return capsule;
+}
+
 // The fingerprint remembered for `graph` if the graph is unchanged; `take`
 // forgets it at once.
 Ref memo_lookup(SiblingsState& state, PyObject* graph, bool take) {
     for (int slot = 0; slot < fingerprint_memo_size; ++slot) {
         PyObject* capsule = state.fingerprint_memo[slot];
         if (capsule == nullptr) continue;
-        MemoEntry& entry = *entry_of(capsule);
+        GraphEntry& entry = *entry_of(capsule);
         if (entry.graph.get() != graph) continue;
         if (!still_same(entry)) return Ref();
         Ref fingerprint = entry.fingerprint;
@@ -470,20 +301,7 @@ Ref memo_lookup(SiblingsState& state, PyObject* graph, bool take) {
     return Ref();
 }
 
-void memo_store(SiblingsState& state, PyObject* graph, const Ref& fingerprint) {
-    auto entry = std::make_unique<MemoEntry>();
-    entry->graph = Ref(Borrowed(graph));
-    entry->fingerprint = fingerprint;
-    bool small = walk_shape(
-        graph,
-        [&](uintptr_t word) {
-            entry->shape.push_back(word);
-            return entry->shape.size() <= memo_max_shape;
-        },
-        [&](PyObject* item) { entry->held.push_back(Py_NewRef(item)); });
-    if (!small) return;
-    Ref capsule = Ref::checked(PyCapsule_New(entry.get(), memo_capsule_name, free_entry));
-    entry.release();
+void memo_store(SiblingsState& state, PyObject* graph, Ref capsule) {
     // Newest first; the oldest, or an earlier entry of the same graph, goes.
     int last = fingerprint_memo_size - 1;
     for (int slot = 0; slot < fingerprint_memo_size; ++slot) {
@@ -496,12 +314,6 @@ void memo_store(SiblingsState& state, PyObject* graph, const Ref& fingerprint) {
     Ref dropped = Ref::steal(state.fingerprint_memo[last]);
     for (int i = last; i > 0; --i) state.fingerprint_memo[i] = state.fingerprint_memo[i - 1];
     state.fingerprint_memo[0] = capsule.release();
-}
-
-Ref hex_text(const char hex[64]) {
-    Ref text = Ref::checked(PyUnicode_New(64, 127));
-    std::memcpy(PyUnicode_1BYTE_DATA(text.get()), hex, 64);
-    return text;
 }
 
 // ---- graph_fingerprint -----------------------------------------------------------------------
@@ -529,23 +341,53 @@ Ref sha256_hexdigest(const Module&, const Ref& data, const Ref& portable) {
     return hex_text(hex);
 }
 
+Ref python_fingerprint(const Module& m, const Ref& graph) {
+    return call(python_implementation(m, Sibling::graph_complexity, m.n.sib_graph_fingerprint), graph);
+}
+
 }  // namespace
 
 Ref fingerprint_graph(const Module& m, const Ref& graph, Memo memo) {
     SiblingsState& state = m.state().siblings;
     if (sibling_intact(m, Sibling::graph_complexity)) {
         if (Ref known = memo_lookup(state, graph.get(), memo == Memo::take)) return known;
-        CanonicalJson json;
-        if (json.encode(graph.get())) {
-            char hex[64];
-            sha256_hex(reinterpret_cast<const unsigned char*>(json.data()), json.size(), hex);
-            Ref fingerprint = hex_text(hex);
-            if (memo == Memo::remember) memo_store(state, graph.get(), fingerprint);
+        JsonText json(canonical_json);
+        if (json.write(graph.get(), SIZE_MAX)) {
+            Ref fingerprint = fingerprint_of_text(json);
+            if (memo == Memo::remember) {
+                if (Ref entry = new_entry(graph.get(), json, fingerprint)) memo_store(state, graph.get(), entry);
+            }
             return fingerprint;
         }
-        PyErr_Clear();
     }
-    return call(python_implementation(m, Sibling::graph_complexity, m.n.sib_graph_fingerprint), graph);
+    return python_fingerprint(m, graph);
+}
+
+Ref fingerprint_with_entry(const Module& m, const Ref& graph, Ref* entry) {
+    *entry = Ref();
+    if (sibling_intact(m, Sibling::graph_complexity)) {
+        JsonText json(canonical_json);
+        if (json.write(graph.get(), SIZE_MAX)) {
+            Ref fingerprint = fingerprint_of_text(json);
+            *entry = new_entry(graph.get(), json, fingerprint);
+            return fingerprint;
+        }
+    }
+    return python_fingerprint(m, graph);
+}
+
+Ref entry_fingerprint(PyObject* capsule, PyObject* graph) {
+    GraphEntry* entry = current_entry(capsule, graph);
+    return entry ? entry->fingerprint : Ref();
+}
+
+bool entry_text(PyObject* capsule, PyObject* graph, const char** text, size_t* size, size_t* depth) {
+    GraphEntry* entry = current_entry(capsule, graph);
+    if (entry == nullptr) return false;
+    *text = entry->text.data();
+    *size = entry->text.size();
+    *depth = entry->depth;
+    return true;
 }
 
 namespace sibling_members {

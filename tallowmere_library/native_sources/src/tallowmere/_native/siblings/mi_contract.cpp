@@ -1,6 +1,6 @@
 // tallowmere.simulation.mi_contract: the number and field checks of the
 // mutual-information contract.
-#include "_native/siblings/pointer_table.hpp"
+#include "core/containers.hpp"
 #include "_native/siblings/support.hpp"
 
 #include <cmath>
@@ -30,6 +30,8 @@ constexpr auto is_finite_number_signature =
               "(compiled tallowmere.simulation.mi_contract._is_finite_number).",
               param("value"));
 
+}  // namespace
+
 Ref is_finite_number(const Module& m, const Ref& value) {
     PyObject* v = value.get();
     if (!is_exact_builtin(v) || !sibling_intact(m, here)) return defer(m, m.n.sib__is_finite_number, value);
@@ -38,6 +40,8 @@ Ref is_finite_number(const Module& m, const Ref& value) {
     return Ref(boolean(false));
 }
 
+namespace {
+
 // ---- _coerce_mi_contract_value --------------------------------------------------------------------
 
 constexpr auto coerce_mi_contract_value_signature =
@@ -45,6 +49,8 @@ constexpr auto coerce_mi_contract_value_signature =
               "Return a mutual-information value as a float "
               "(compiled tallowmere.simulation.mi_contract._coerce_mi_contract_value).",
               param("value"));
+
+}  // namespace
 
 Ref coerce_mi_contract_value(const Module& m, const Ref& value) {
     const Names& n = m.n;
@@ -68,6 +74,8 @@ Ref coerce_mi_contract_value(const Module& m, const Ref& value) {
     return defer(m, n.sib__coerce_mi_contract_value, value);
 }
 
+namespace {
+
 // ---- _has_disallowed_mi_contract_field ------------------------------------------------------------
 
 constexpr auto has_disallowed_mi_contract_field_signature =
@@ -75,6 +83,8 @@ constexpr auto has_disallowed_mi_contract_field_signature =
               "True when the statistics mapping has a top-level key of MI_CONTRACT_KEYS "
               "(compiled tallowmere.simulation.mi_contract._has_disallowed_mi_contract_field).",
               param("is_stats"));
+
+}  // namespace
 
 Ref has_disallowed_mi_contract_field(const Module& m, const Ref& is_stats) {
     const Names& n = m.n;
@@ -91,6 +101,8 @@ Ref has_disallowed_mi_contract_field(const Module& m, const Ref& is_stats) {
                  }).has_value();
     return Ref(boolean(found));
 }
+
+namespace {
 
 // ---- _has_non_finite_number -------------------------------------------------------------------------
 
@@ -133,6 +145,8 @@ Search search_non_finite(PyObject* value) {
     return Search::not_found;
 }
 
+}  // namespace
+
 Ref has_non_finite_number(const Module& m, const Ref& value) {
     if (sibling_intact(m, here)) {
         Search result = search_non_finite(value.get());
@@ -141,7 +155,6 @@ Ref has_non_finite_number(const Module& m, const Ref& value) {
     return defer(m, m.n.sib__has_non_finite_number, value);
 }
 
-}  // namespace
 
 namespace sibling_members {
 const Member is_finite_number = member<is_finite_number_signature, tallowmere::native::is_finite_number>();

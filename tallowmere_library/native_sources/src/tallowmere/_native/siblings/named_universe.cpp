@@ -29,6 +29,8 @@ constexpr auto normalize_named_universe_signature =
               "(compiled tallowmere.simulation.named_universe._normalize_named_universe).",
               param("value"));
 
+}  // namespace
+
 Ref normalize_named_universe(const Module& m, const Ref& value) {
     const Names& n = m.n;
     if (sibling_intact(m, here)) {
@@ -41,6 +43,8 @@ Ref normalize_named_universe(const Module& m, const Ref& value) {
     return call(python_implementation(m, here, n.sib__normalize_named_universe), value);
 }
 
+namespace {
+
 // ---- _is_unsafe_named_universe ----------------------------------------------------------------------
 
 constexpr auto is_unsafe_named_universe_signature =
@@ -48,6 +52,8 @@ constexpr auto is_unsafe_named_universe_signature =
               "True unless ``name`` is a single safe path segment "
               "(compiled tallowmere.simulation.named_universe._is_unsafe_named_universe).",
               param("name"));
+
+}  // namespace
 
 Ref is_unsafe_named_universe(const Module& m, const Ref& name) {
     const Names& n = m.n;
@@ -80,7 +86,6 @@ Ref is_unsafe_named_universe(const Module& m, const Ref& name) {
     return call(python_implementation(m, here, n.sib__is_unsafe_named_universe), name);
 }
 
-}  // namespace
 
 namespace sibling_members {
 const Member normalize_named_universe =

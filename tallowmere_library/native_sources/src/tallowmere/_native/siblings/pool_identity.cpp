@@ -62,6 +62,8 @@ constexpr auto selected_signal_pool_signature =
               "(compiled tallowmere.submissions.pool_identity.selected_signal_pool_from_era_config).",
               param("era_config"), param("signal_pool_name"));
 
+}  // namespace
+
 Ref selected_signal_pool_from_era_config(const Module& m, const Ref& era_config, const Ref& signal_pool_name) {
     const Names& n = m.n;
     if (sibling_intact(m, here)) {
@@ -88,7 +90,6 @@ Ref selected_signal_pool_from_era_config(const Module& m, const Ref& era_config,
                 signal_pool_name);
 }
 
-}  // namespace
 
 namespace sibling_members {
 const Member selected_signal_pool_from_era_config =

@@ -3,6 +3,9 @@
 
 #include "core/classes.hpp"
 
+#include <iterator>
+#include <utility>
+
 namespace tallowmere::native {
 
 namespace {
@@ -217,7 +220,30 @@ void bind_siblings(PyObject* module) {
         add_function(module, *each);
     }
     Module m = Module::of(module);
-    Py_XSETREF(m.state().siblings.graph_fingerprint_function, m.global(m.n.sib_graph_fingerprint).release());
+    const Names& n = m.n;
+    SiblingsState& state = m.state().siblings;
+    Py_XSETREF(state.graph_fingerprint_function, m.global(n.sib_graph_fingerprint).release());
+    using native_api::Function;
+    const std::pair<Function, PyObject*> api_functions[] = {
+        {Function::measure_graph_complexity, n.sib_measure_graph_complexity},
+        {Function::is_finite_number, n.sib__is_finite_number},
+        {Function::coerce_mi_contract_value, n.sib__coerce_mi_contract_value},
+        {Function::has_disallowed_mi_contract_field, n.sib__has_disallowed_mi_contract_field},
+        {Function::has_non_finite_number, n.sib__has_non_finite_number},
+        {Function::normalize_named_universe, n.sib__normalize_named_universe},
+        {Function::is_unsafe_named_universe, n.sib__is_unsafe_named_universe},
+        {Function::evaluate_threshold_gates, n.sib_evaluate_threshold_gates},
+        {Function::selected_signal_pool_from_era_config, n.sib_selected_signal_pool_from_era_config},
+        {Function::require_recorded_backtest_timing, n.sib_require_recorded_backtest_timing},
+        {Function::require_recorded_backtest_timings, n.sib_require_recorded_backtest_timings},
+        {Function::consume_recorded_backtest_timing, n.sib_consume_recorded_backtest_timing},
+        {Function::assess_client_backtest_timing, n.sib_assess_client_backtest_timing},
+    };
+    static_assert(std::size(api_functions) == native_api::function_count);
+    for (const auto& [which, name] : api_functions) {
+        Py_XSETREF(state.functions[static_cast<int>(which)], m.global(name).release());
+    }
+    add_object(module, n.sib__C_API, make_api_capsule());
 }
 
 }  // namespace tallowmere::native

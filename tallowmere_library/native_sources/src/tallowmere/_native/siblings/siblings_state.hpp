@@ -9,6 +9,7 @@
 // call instead, so the compiled and the Python implementation never disagree.
 #pragma once
 
+#include "_native/siblings/api.hpp"
 #include "core/ref.hpp"
 
 #include <cstdint>
@@ -84,7 +85,8 @@ namespace tallowmere::native {
     X(sib_rejected, "rejected")                                                          \
     X(sib_frequency_mismatch, "frequency_mismatch")                                      \
     X(sib_whole_budget_exceeded, "whole_budget_exceeded")                                \
-    X(sib_row_budget_exceeded, "row_budget_exceeded")
+    X(sib_row_budget_exceeded, "row_budget_exceeded")                                    \
+    X(sib__C_API, "_C_API")
 
 // The sibling modules with fast paths, in the order of their state slots.
 enum class Sibling : unsigned char {
@@ -125,8 +127,10 @@ struct SiblingsState {
     RecordClass graph_complexity;
     RecordClass gate_failure;
     RecordClass gate_result;
-    // The function objects this module binds, to recognise them as callees.
+    // The function objects this module binds, to recognise them as callees
+    // (here, and in the client through the C API).
     PyObject* graph_fingerprint_function;
+    PyObject* functions[native_api::function_count];
     // Capsules of the remembered graphs, newest first.
     PyObject* fingerprint_memo[fingerprint_memo_size];
 
@@ -141,6 +145,7 @@ struct SiblingsState {
         visit_object(gate_failure.cls);
         visit_object(gate_result.cls);
         visit_object(graph_fingerprint_function);
+        for (PyObject*& function : functions) visit_object(function);
         for (PyObject*& entry : fingerprint_memo) visit_object(entry);
     }
 };

@@ -70,10 +70,50 @@ extern const Member consume_recorded_backtest_timing;
 extern const Member assess_client_backtest_timing;
 }  // namespace sibling_members
 
+// The implementations of the bound functions, by file (the C API calls them
+// directly; see api.hpp).
+Ref measure_graph_complexity(const Module& m, const Ref& graph);
+Ref is_finite_number(const Module& m, const Ref& value);
+Ref coerce_mi_contract_value(const Module& m, const Ref& value);
+Ref has_disallowed_mi_contract_field(const Module& m, const Ref& is_stats);
+Ref has_non_finite_number(const Module& m, const Ref& value);
+Ref normalize_named_universe(const Module& m, const Ref& value);
+Ref is_unsafe_named_universe(const Module& m, const Ref& name);
+Ref evaluate_threshold_gates(const Module& m, const Ref& metrics, const Ref& threshold_set, const Ref& pool_thresholds);
+Ref selected_signal_pool_from_era_config(const Module& m, const Ref& era_config, const Ref& signal_pool_name);
+Ref require_recorded_backtest_timing(const Module& m, const Ref& graph);
+Ref require_recorded_backtest_timings(const Module& m, const Ref& graphs);
+Ref consume_recorded_backtest_timing(const Module& m, const Ref& graph);
+Ref assess_client_backtest_timing(const Module& m, const Ref& record, const Ref& frequency,
+                                  const Ref& per_row_budget_seconds, const Ref& whole_budget_seconds);
+
 // graph.cpp: the fingerprint of a graph, for callers inside this module, and
 // what the computation does with the memo of recently fingerprinted graphs:
 // consult it, remember the graph in it, or take the graph's entry out of it.
 enum class Memo : unsigned char { consult, remember, take };
 Ref fingerprint_graph(const Module& m, const Ref& graph, Memo memo);
+
+// graph.cpp: graph entries. A graph entry keeps a graph with its canonical
+// text, its fingerprint and what proves the graph unchanged since (see
+// graph.cpp); the memo holds entries, and the C API hands them to the client.
+//
+// The fingerprint of `graph` as fingerprint_graph(graph, Memo::consult) gives
+// it, and in *entry a new entry of it when one could be made (a graph of the
+// exact JSON types, small enough to prove unchanged cheaply; else empty).
+Ref fingerprint_with_entry(const Module& m, const Ref& graph, Ref* entry);
+// The entry's fingerprint when `entry` is an entry of `graph` and the graph is
+// unchanged since; empty otherwise. Runs no Python code.
+Ref entry_fingerprint(PyObject* entry, PyObject* graph);
+// The entry's canonical text, on the same condition.
+bool entry_text(PyObject* entry, PyObject* graph, const char** text, size_t* size, size_t* depth);
+
+// backtest_timing.cpp: the lookups of the C API, which pass graph entries
+// instead of remembering fingerprints in the memo.
+Ref require_timing_with_entry(const Module& m, const Ref& graph, Ref* entry);
+Ref require_timings_with_entries(const Module& m, const Ref& graphs, Ref* entries);
+Ref consume_timing_with_entry(const Module& m, const Ref& graph, const Ref& entry);
+
+// api.cpp: the capsule of the C API, bound as the module's _C_API.
+Ref make_api_capsule();
 
 }  // namespace tallowmere::native

@@ -67,6 +67,8 @@ Holds gate_holds(PyObject* actual, bool at_most, PyObject* threshold) {
     return result ? Holds::yes : Holds::no;
 }
 
+}  // namespace
+
 Ref evaluate_threshold_gates(const Module& m, const Ref& metrics, const Ref& threshold_set,
                              const Ref& pool_thresholds) {
     const Names& n = m.n;
@@ -145,7 +147,6 @@ Ref evaluate_threshold_gates(const Module& m, const Ref& metrics, const Ref& thr
                        {{n.sib_passed, boolean(PyList_GET_SIZE(failures.get()) == 0)}, {n.sib_failures, failed}});
 }
 
-}  // namespace
 
 namespace sibling_members {
 const Member evaluate_threshold_gates =

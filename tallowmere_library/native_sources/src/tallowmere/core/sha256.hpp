@@ -1,14 +1,15 @@
-// SHA-256 (FIPS 180-4) of a byte string, for graph fingerprints.
+// SHA-256 (FIPS 180-4) of a byte string, for graph fingerprints and
+// idempotency keys.
 //
-// Fingerprints are short texts (a few hundred bytes), for which calling
-// hashlib from C costs more than the hash itself. The digest is computed with
+// Both hash short texts (a few hundred bytes), for which calling hashlib from
+// C costs more than the hash itself. The digest is computed with
 // the processor's SHA extensions where it has them, otherwise portably.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
-namespace tallowmere::native {
+namespace tallowmere {
 
 enum class Sha256Engine : unsigned char { best, portable };
 
@@ -18,4 +19,4 @@ void sha256_hex(const unsigned char* data, size_t length, char hex[64], Sha256En
 // True when `best` uses the processor's SHA instructions.
 bool sha256_uses_instructions();
 
-}  // namespace tallowmere::native
+}  // namespace tallowmere

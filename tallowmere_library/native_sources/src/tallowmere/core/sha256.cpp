@@ -1,4 +1,4 @@
-#include "_native/siblings/sha256.hpp"
+#include "core/sha256.hpp"
 
 #include <cstring>
 
@@ -8,7 +8,7 @@
 #include <immintrin.h>
 #endif
 
-namespace tallowmere::native {
+namespace tallowmere {
 
 namespace {
 
@@ -180,4 +180,4 @@ void sha256_hex(const unsigned char* data, size_t length, char hex[64], Sha256En
     }
 }
 
-}  // namespace tallowmere::native
+}  // namespace tallowmere

@@ -1,7 +1,7 @@
-// Containers for the walks over a graph: a stack and a hash table keyed by
-// object identity, both keeping their first elements inside the object so
-// that walking a small graph allocates nothing. The walks run no Python code,
-// so the objects they name cannot go away meanwhile.
+// Containers for walks over JSON values and graphs: a stack and a hash table
+// keyed by object identity, both keeping their first elements inside the
+// object so that walking a small value allocates nothing. The walks that use
+// them run no Python code, so the objects they name cannot go away meanwhile.
 #pragma once
 
 #define PY_SSIZE_T_CLEAN
@@ -13,7 +13,7 @@
 #include <memory>
 #include <type_traits>
 
-namespace tallowmere::native {
+namespace tallowmere {
 
 // A vector of trivially copyable values whose first N live inline.
 template <class T, size_t N>
@@ -151,4 +151,4 @@ private:
     std::unique_ptr<Slot[]> heap_;
 };
 
-}  // namespace tallowmere::native
+}  // namespace tallowmere
