@@ -3,8 +3,6 @@ failure paths: repeated many times, the number of live allocations stays flat (s
 
 from __future__ import annotations
 
-import gc
-import sys
 from collections.abc import Callable
 from typing import Any
 
@@ -13,8 +11,9 @@ import pytest
 
 from tallowmere import _native
 
+from leak_support import assert_no_leak
+
 REPEAT = 300
-TOLERANCE = REPEAT // 5
 
 DAYS, ASSETS = 30, 12
 FIELD = np.random.default_rng(3).normal(size=(DAYS, ASSETS))
@@ -54,18 +53,6 @@ OPERATIONS: dict[str, Callable[[], Any]] = {
 }
 
 
-def growth(operation: Callable[[], Any]) -> int:
-    for _ in range(20):
-        operation()
-    gc.collect()
-    before = sys.getallocatedblocks()
-    for _ in range(REPEAT):
-        operation()
-    gc.collect()
-    return sys.getallocatedblocks() - before
-
-
 @pytest.mark.parametrize("name", list(OPERATIONS))
 def test_engine_entry_points_do_not_leak(name: str) -> None:
-    grown = [growth(OPERATIONS[name]) for _ in range(3)]
-    assert min(grown) < TOLERANCE, f"live blocks grew by {grown} in three rounds of {REPEAT} calls"
+    assert_no_leak(OPERATIONS[name], REPEAT)

@@ -8,10 +8,8 @@ per call is caught."""
 
 from __future__ import annotations
 
-import gc
 import json
 import math
-import sys
 from collections.abc import Callable
 from typing import Any
 
@@ -20,11 +18,11 @@ import pytest
 from tallowmere import _native
 from tallowmere.simulation import backtest_timing
 
+from leak_support import assert_no_leak
 from sibling_support import outcome
 
 
 REPEAT = 1000
-TOLERANCE = REPEAT // 5
 GRAPH = {"op": "rank", "args": [{"op": "ts_mean", "window": 5, "args": [{"op": "close"}]}]}
 RECORD = backtest_timing.BacktestTimingRecord(fingerprint="fp", elapsed_seconds=0.5, row_count=10,
                                               max_row_elapsed_seconds=0.01, frequency="1d", recorded_at=0.0)
@@ -64,20 +62,8 @@ CALLS: dict[str, Callable[[], Any]] = {
 }  # fmt: skip
 
 
-def growth(operation: Callable[[], Any]) -> int:
-    assert sys.getallocatedblocks() > 0, "live blocks are not counted under this allocator; run under pymalloc"
-    for _ in range(50):
-        operation()
-    gc.collect()
-    before = sys.getallocatedblocks()
-    for _ in range(REPEAT):
-        operation()
-    gc.collect()
-    return sys.getallocatedblocks() - before
-
-
 @pytest.mark.parametrize("name", list(CALLS))
 def test_compiled_functions_do_not_leak(name: str) -> None:
     backtest_timing.record_backtest_timing(GRAPH, elapsed_seconds=0.5, row_count=10, max_row_elapsed_seconds=0.01,
                                            frequency="1d")  # fmt: skip
-    assert min(growth(CALLS[name]) for _ in range(3)) < TOLERANCE
+    assert_no_leak(CALLS[name], REPEAT)

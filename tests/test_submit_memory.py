@@ -8,10 +8,8 @@ passing unseen."""
 from __future__ import annotations
 
 import ctypes
-import gc
 import json
 import logging
-import sys
 from collections.abc import Callable, Iterator
 from typing import Any
 
@@ -21,12 +19,10 @@ import pytest
 import tallowmere.submit as submit
 from tallowmere.submit import SignalServiceClient
 
+from leak_support import assert_no_leak, leaks
 from submit_support import ERA_CATALOG, FakeResponse, json_answer, recorded_graph, signal_kwargs
 
 REPEAT = 1000
-# Allowed growth in allocated blocks over REPEAT calls: enough for caches that
-# settle (interned strings, type caches), far below one block per call.
-TOLERANCE = REPEAT // 5
 
 
 class StaticTransport:
@@ -61,17 +57,6 @@ def quiet_logs() -> Iterator[None]:
     yield
     for logger, level in zip(loggers, levels):
         logger.setLevel(level)
-
-
-def growth(operation: Callable[[], Any]) -> int:
-    for _ in range(50):
-        operation()
-    gc.collect()
-    before = sys.getallocatedblocks()
-    for _ in range(REPEAT):
-        operation()
-    gc.collect()
-    return sys.getallocatedblocks() - before
 
 
 def client_for(**answers: Any) -> SignalServiceClient:
@@ -183,20 +168,9 @@ OPERATIONS: dict[str, Callable[[], Any]] = {
 }  # fmt: skip
 
 
-def rounds(operation: Callable[[], Any]) -> list[int]:
-    return [growth(operation) for _ in range(3)]
-
-
-def leaks(operation: Callable[[], Any]) -> bool:
-    # A leak grows by at least REPEAT blocks in every round; caches that are
-    # still settling grow in the first round only.
-    return min(rounds(operation)) >= TOLERANCE
-
-
 @pytest.mark.parametrize("name", list(OPERATIONS))
 def test_operations_do_not_leak(name: str) -> None:
-    grown = rounds(OPERATIONS[name])
-    assert min(grown) < TOLERANCE, f"live blocks grew by {grown} in three rounds of {REPEAT} calls"
+    assert_no_leak(OPERATIONS[name], REPEAT)
 
 
 def test_the_check_detects_a_leak_of_one_object_per_call() -> None:
@@ -205,5 +179,5 @@ def test_the_check_detects_a_leak_of_one_object_per_call() -> None:
     incref = ctypes.pythonapi.Py_IncRef
     incref.argtypes = [ctypes.py_object]
     incref.restype = None
-    assert leaks(lambda: incref(object()))
-    assert not leaks(lambda: object())
+    assert leaks(lambda: incref(object()), REPEAT)
+    assert not leaks(lambda: object(), REPEAT)
