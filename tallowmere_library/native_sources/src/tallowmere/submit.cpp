@@ -27,29 +27,6 @@ constexpr const char unreserved_characters[] =
 
 ModuleState* state_of(PyObject* module) { return static_cast<ModuleState*>(PyModule_GetState(module)); }
 
-// Every object reference the state holds, for traversal and clearing.
-template <class Visitor>
-void for_each_state_object(ModuleState* state, Visitor&& visit) {
-#define TALLOWMERE_VISIT_NAME(identifier, text) visit(state->names.identifier);
-    TALLOWMERE_INTERNED_NAMES(TALLOWMERE_VISIT_NAME)
-#undef TALLOWMERE_VISIT_NAME
-    visit(state->default_timeout);
-    visit(state->default_limit);
-    visit(state->default_read_size);
-    visit(state->default_whence);
-    visit(state->default_pool_field_name);
-    visit(state->empty_text);
-    visit(state->canonical_separators);
-    visit(state->unreserved_bytes);
-    visit(state->raw_paths);
-    visit(state->raw_path_parser);
-    visit(state->rejected_error_class);
-    visit(state->response_error_class);
-    for (PyObject*& callable : state->own) visit(callable);
-    state->standard.visit(visit);
-    visit(state->native);
-}
-
 void init_state(ModuleState* state) {
 #define TALLOWMERE_INTERN_NAME(identifier, text) \
     state->names.identifier = Ref::checked(PyUnicode_InternFromString(text)).release();
@@ -314,30 +291,13 @@ int exec_module(PyObject* module) {
                : 0;
 }
 
-int traverse_module(PyObject* module, visitproc visit, void* arg) {
-    ModuleState* state = state_of(module);
-    if (state == nullptr) return 0;
-    int result = 0;
-    for_each_state_object(state, [&](PyObject* object) {
-        if (result == 0 && object != nullptr) result = visit(object, arg);
-    });
-    return result;
-}
-
-int clear_module(PyObject* module) {
-    ModuleState* state = state_of(module);
-    if (state == nullptr) return 0;
-    for_each_state_object(state, [](PyObject*& object) { Py_CLEAR(object); });
-    return 0;
-}
-
-void free_module(void* module) { clear_module(static_cast<PyObject*>(module)); }
-
 PyModuleDef_Slot module_slots[] = {
     {Py_mod_exec, reinterpret_cast<void*>(exec_module)},
     {Py_mod_multiple_interpreters, Py_MOD_MULTIPLE_INTERPRETERS_SUPPORTED},
     {0, nullptr},
 };
+
+using Slots = ModuleSlots<ModuleState>;
 
 PyModuleDef module_def = {
     PyModuleDef_HEAD_INIT,
@@ -346,9 +306,9 @@ PyModuleDef module_def = {
     sizeof(ModuleState),
     nullptr,
     module_slots,
-    traverse_module,
-    clear_module,
-    free_module,
+    Slots::traverse,
+    Slots::clear,
+    Slots::free,
 };
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include "names.hpp"
 
 #include <array>
+#include <initializer_list>
 
 namespace tallowmere {
 
@@ -171,6 +172,22 @@ struct ModuleState {
     // compiled functions are called (dispatch.hpp); no API when it is missing.
     PyObject* native;
     const native_api::Api* native_api;
+
+    // Every object reference the state holds, for traversal and clearing.
+    template <class Visitor>
+    void visit_objects(Visitor&& visit) {
+#define TALLOWMERE_VISIT_NAME(identifier, text) visit(names.identifier);
+        TALLOWMERE_INTERNED_NAMES(TALLOWMERE_VISIT_NAME)
+#undef TALLOWMERE_VISIT_NAME
+        for (PyObject** object : {&default_timeout, &default_limit, &default_read_size, &default_whence,
+                                  &default_pool_field_name, &empty_text, &canonical_separators, &unreserved_bytes,
+                                  &raw_paths, &raw_path_parser, &rejected_error_class, &response_error_class}) {
+            visit(*object);
+        }
+        for (PyObject*& callable : own) visit(callable);
+        standard.visit(visit);
+        visit(native);
+    }
 };
 
 // Every callable of tallowmere.submit runs in this context.

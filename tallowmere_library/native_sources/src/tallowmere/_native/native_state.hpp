@@ -21,6 +21,15 @@ struct NativeState {
     Names names;
     SiblingsState siblings;
     EngineState engine;
+
+    template <class Visitor>
+    void visit_objects(Visitor&& visit) {
+#define TALLOWMERE_VISIT_NAME(identifier, text) visit(names.identifier);
+        TALLOWMERE_NATIVE_NAMES(TALLOWMERE_VISIT_NAME)
+#undef TALLOWMERE_VISIT_NAME
+        siblings.visit(visit);
+        engine.visit(visit);
+    }
 };
 
 // Every callable of tallowmere._native runs in this context.

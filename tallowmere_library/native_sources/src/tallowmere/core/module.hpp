@@ -57,4 +57,32 @@ private:
         : ModuleBase(object, dict, state), n(state->names) {}
 };
 
+// The garbage collector's slots of a module (m_traverse, m_clear, m_free).
+// `State` lists every object reference it holds with a member
+// `template <class Visitor> void visit_objects(Visitor&& visit)` that calls
+// `visit(PyObject*&)` on each (null ones included).
+template <class State>
+struct ModuleSlots {
+    static int traverse(PyObject* module, visitproc visit, void* arg) {
+        State* state = of(module);
+        if (state == nullptr) return 0;
+        int result = 0;
+        state->visit_objects([&](PyObject* object) {
+            if (result == 0 && object != nullptr) result = visit(object, arg);
+        });
+        return result;
+    }
+
+    static int clear(PyObject* module) {
+        State* state = of(module);
+        if (state != nullptr) state->visit_objects([](PyObject*& object) { Py_CLEAR(object); });
+        return 0;
+    }
+
+    static void free(void* module) { clear(static_cast<PyObject*>(module)); }
+
+private:
+    static State* of(PyObject* module) { return static_cast<State*>(PyModule_GetState(module)); }
+};
+
 }  // namespace tallowmere
