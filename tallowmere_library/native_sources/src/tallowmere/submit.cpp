@@ -291,25 +291,7 @@ int exec_module(PyObject* module) {
                : 0;
 }
 
-PyModuleDef_Slot module_slots[] = {
-    {Py_mod_exec, reinterpret_cast<void*>(exec_module)},
-    {Py_mod_multiple_interpreters, Py_MOD_MULTIPLE_INTERPRETERS_SUPPORTED},
-    {0, nullptr},
-};
-
-using Slots = ModuleSlots<ModuleState>;
-
-PyModuleDef module_def = {
-    PyModuleDef_HEAD_INIT,
-    "tallowmere.submit",
-    module_doc,
-    sizeof(ModuleState),
-    nullptr,
-    module_slots,
-    Slots::traverse,
-    Slots::clear,
-    Slots::free,
-};
+PyModuleDef module_def = ModuleDefinition<ModuleState, exec_module>::make("tallowmere.submit", module_doc);
 
 }  // namespace
 

@@ -36,18 +36,7 @@ int exec_module(PyObject* module) {
                : 0;
 }
 
-PyModuleDef_Slot module_slots[] = {
-    {Py_mod_exec, reinterpret_cast<void*>(exec_module)},
-    {Py_mod_multiple_interpreters, Py_MOD_MULTIPLE_INTERPRETERS_SUPPORTED},
-    {0, nullptr},
-};
-
-using Slots = ModuleSlots<NativeState>;
-
-PyModuleDef module_def = {
-    PyModuleDef_HEAD_INIT, "tallowmere._native", module_doc,  sizeof(NativeState), nullptr,
-    module_slots,          Slots::traverse,      Slots::clear, Slots::free,
-};
+PyModuleDef module_def = ModuleDefinition<NativeState, exec_module>::make("tallowmere._native", module_doc);
 
 }  // namespace
 

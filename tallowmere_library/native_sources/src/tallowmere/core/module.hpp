@@ -57,12 +57,23 @@ private:
         : ModuleBase(object, dict, state), n(state->names) {}
 };
 
-// The garbage collector's slots of a module (m_traverse, m_clear, m_free).
-// `State` lists every object reference it holds with a member
-// `template <class Visitor> void visit_objects(Visitor&& visit)` that calls
-// `visit(PyObject*&)` on each (null ones included).
-template <class State>
-struct ModuleSlots {
+// The definition of an extension module built in one step, `Exec` (multi-phase
+// initialisation, safe in subinterpreters), with state `State` and the garbage
+// collector's slots over it. `State` lists every object reference it holds
+// with a member `template <class Visitor> void visit_objects(Visitor&& visit)`
+// that calls `visit(PyObject*&)` on each (null ones included).
+template <class State, int (*Exec)(PyObject*)>
+struct ModuleDefinition {
+    static PyModuleDef make(const char* name, const char* doc) {
+        return {PyModuleDef_HEAD_INIT, name, doc, sizeof(State), nullptr, slots, traverse, clear, free};
+    }
+
+    static inline PyModuleDef_Slot slots[] = {
+        {Py_mod_exec, reinterpret_cast<void*>(Exec)},
+        {Py_mod_multiple_interpreters, Py_MOD_MULTIPLE_INTERPRETERS_SUPPORTED},
+        {0, nullptr},
+    };
+
     static int traverse(PyObject* module, visitproc visit, void* arg) {
         State* state = of(module);
         if (state == nullptr) return 0;
@@ -81,7 +92,6 @@ struct ModuleSlots {
 
     static void free(void* module) { clear(static_cast<PyObject*>(module)); }
 
-private:
     static State* of(PyObject* module) { return static_cast<State*>(PyModule_GetState(module)); }
 };
 
