@@ -265,3 +265,21 @@ def test_only_documented_docstrings_are_exact() -> None:
     assert submit._percent_encode.__doc__ == "Percent-encode every byte except RFC 3986 unreserved characters."
     assert submit._request_json.__doc__.startswith("Run an authenticated JSON request through the supplied transport.")
     assert submit._request_json.__doc__.endswith("SignalServiceClient passes that stream to httpx via ``content=``.\n")
+
+
+def test_modules_load_again_in_a_subinterpreter() -> None:
+    # Each interpreter gets its own module objects and state; nothing is shared
+    # through C globals, so the main interpreter's classes stay untouched.
+    import _xxsubinterpreters as interpreters
+
+    interpreter = interpreters.create(isolated=False)
+    try:
+        interpreters.run_string(interpreter, (
+            "import tallowmere.submit as m, tallowmere._native as n\n"
+            "client = m.SignalServiceClient('http://127.0.0.1:9', 'token')\n"
+            "assert m._percent_encode('a b') == 'a%20b'\n"
+            "assert len(n.graph_fingerprint({'op': 'close'})) == 64\n"
+        ))  # fmt: skip
+    finally:
+        interpreters.destroy(interpreter)
+    assert submit.SignalServiceClient("http://127.0.0.1:9", "token")._base_url == "http://127.0.0.1:9"
