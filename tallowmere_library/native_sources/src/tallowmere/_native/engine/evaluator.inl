@@ -175,7 +175,7 @@ private:
     // rank_slots keys per bucket; a crowded bucket spills into the next ones
     // (and the day takes the exact way), the missing values' bucket past the end.
     std::vector<std::int16_t> slots_;
-    std::vector<int> count_;
+    std::vector<int> count_;  // all 0 between days
     std::vector<int> below_;
     std::vector<int> bucket_;
     std::vector<int> place_;  // a value's place among its bucket's members, in arrival order
@@ -335,7 +335,7 @@ inline Ranker::Slotted Ranker::rank_in_slots(double* out, int buckets) {
     constexpr std::uint32_t key_mask = (1u << rank_key_bits) - 1;
     int* count = count_.data();
     std::int16_t* slots = slots_.data();
-    std::fill(count, count + buckets + 1, 0);
+    // The counts start at 0: the sums below leave them so for the next day.
 #pragma GCC unroll 4
     for (int k = 0; k < n; ++k) {
         const unsigned b = key[k] >> rank_key_bits;
@@ -345,6 +345,7 @@ inline Ranker::Slotted Ranker::rank_in_slots(double* out, int buckets) {
     }
     count[buckets] = 0;  // the missing values compare below nothing and take the position m
     // below[b + 1] = count[0] + ... + count[b]; the most crowded bucket on the way
+    // (each count is cleared once read)
     int* below = below_.data();
     below[0] = 0;
     int largest = 0;
@@ -355,6 +356,7 @@ inline Ranker::Slotted Ranker::rank_in_slots(double* out, int buckets) {
         const __m256i last_lane = _mm256_set1_epi32(7);
         for (; b + 8 <= buckets + 1; b += 8) {
             const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(count + b));
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(count + b), _mm256_setzero_si256());
             most = _mm256_max_epi32(most, c);
             __m256i v = _mm256_add_epi32(c, _mm256_slli_si256(c, 4));
             v = _mm256_add_epi32(v, _mm256_slli_si256(v, 8));
@@ -371,6 +373,7 @@ inline Ranker::Slotted Ranker::rank_in_slots(double* out, int buckets) {
     for (; b <= buckets; ++b) {
         largest = count[b] > largest ? count[b] : largest;
         below[b + 1] = below[b] + count[b];
+        count[b] = 0;
     }
     if (largest > rank_slots) return Slotted::crowded;
     const int present = below[buckets];
@@ -387,7 +390,7 @@ inline Ranker::Slotted Ranker::rank_in_slots(double* out, int buckets) {
         const unsigned kb = key[k] >> rank_key_bits;
         const auto own = static_cast<std::int16_t>(key[k] & key_mask);
         const std::int16_t* members = slots + kb * rank_slots;
-        const auto size = static_cast<unsigned>(count[kb]);
+        const auto size = static_cast<unsigned>(below[kb + 1] - below[kb]);
         unsigned less;
 #if defined(TALLOWMERE_ENGINE_AVX2_CODE)
         // two mask bits per member with a smaller key
