@@ -541,6 +541,7 @@ private:
     int n_;
     std::ptrdiff_t stride_;
     std::vector<NodeState> states_;
+    std::vector<Storage> shared_rows_;  // the rows nodes pass on to each other (see the constructor)
     Storage scratch_;  // rows for the weights' deviations
     Ranker ranker_;
 };
@@ -556,6 +557,17 @@ inline Evaluator::Evaluator(const Run& run)
             if (a >= 0) lookback[static_cast<std::size_t>(a)] = std::max(lookback[static_cast<std::size_t>(a)], needed);
         }
     }
+    // A node whose rows no later day reads keeps today's row only until its
+    // last reader has run; then that row serves a later node, so that a
+    // day's rows stay few and close at hand. The root's row is read after
+    // the day's nodes and is never passed on.
+    std::vector<std::size_t> last_reader(count, count);
+    for (std::size_t i = 0; i < count; ++i) {
+        for (int a : run.nodes[i].args) {
+            if (a >= 0 && static_cast<std::size_t>(a) + 1 < count) last_reader[static_cast<std::size_t>(a)] = i;
+        }
+    }
+    std::vector<double*> free_rows;
     states_.resize(count);
     for (std::size_t i = 0; i < count; ++i) {
         NodeState& state = states_[i];
@@ -566,7 +578,22 @@ inline Evaluator::Evaluator(const Run& run)
             state.out = Rows{const_cast<double*>(matrix.data), matrix.row_stride, -1};
             continue;
         }
-        allocate_rows(state, node.op == Op::constant ? 1 : lookback[i] + 1);
+        if (node.op != Op::constant && lookback[i] == 0) {
+            if (free_rows.empty()) {
+                shared_rows_.push_back(allocate(static_cast<std::size_t>(stride_)));
+                free_rows.push_back(shared_rows_.back().get());
+            }
+            state.out = Rows{free_rows.back(), stride_, 0};
+            free_rows.pop_back();
+        } else {
+            allocate_rows(state, node.op == Op::constant ? 1 : lookback[i] + 1);
+        }
+        for (int k = 0; k < 2; ++k) {  // arguments read for the last time pass their row on
+            const int a = node.args[k];
+            if (a < 0 || (k == 1 && a == node.args[0]) || last_reader[static_cast<std::size_t>(a)] != i) continue;
+            const NodeState& argument = states_[static_cast<std::size_t>(a)];
+            if (argument.own == nullptr && argument.out.mask == 0) free_rows.push_back(argument.out.data);
+        }
         if (node.op == Op::constant) std::fill(state.out.data, state.out.data + n_, node.value);
         switch (node.op) {
             case Op::ts_sum:
