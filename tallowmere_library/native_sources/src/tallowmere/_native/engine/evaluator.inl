@@ -167,8 +167,10 @@ private:
 
     int n_;
     int buckets_;          // the exact way; missing values go to the extra bucket `buckets_`
-    int slotted_buckets_;  // the fast way; its missing values' bucket is the last (`buckets` + 1-th)
-    int wide_buckets_;     // the fast way's second try
+    // The fast way's buckets (none: every day takes the exact way), and its
+    // second try's; the missing values take one more bucket after them.
+    int slotted_buckets_;
+    int wide_buckets_;
     // The fast way's scaled distances: bucket << rank_key_bits | key, the
     // missing values' bucket for a missing value.
     std::vector<std::uint32_t> key_;
