@@ -130,6 +130,9 @@ def _rank_days(days: list[FloatArray]) -> tuple[FloatArray, FloatArray]:
                         in_sample_days=1)  # fmt: skip
     native, reference = _both(node("rank", node("close")), panel)
     np.testing.assert_array_equal(native, reference)
+    generic = np.empty_like(values)
+    _native.evaluate_program((("field", (), 0, 0.0), ("rank", (0,), 0, 0.0)), (values,), values=generic, generic=True)
+    np.testing.assert_array_equal(generic, native)
     return native, values
 
 
@@ -165,6 +168,12 @@ def test_the_rank_of_hard_days_is_exact() -> None:
         np.round(base, 1),  # many ties
         np.full(assets, -0.0),  # one value (of two signs of zero)
         np.where(np.arange(assets) < 20, -0.0, 0.0),
+        # an outlier crowds the rest into buckets of nine or ten, then twice the buckets hold them
+        np.where(np.arange(assets) == 0, 20.0, np.linspace(0.0, 1.0, assets)),
+        np.where(np.arange(assets) == 0, -20.0, np.linspace(0.0, 1.0, assets)),
+        # distinct neighbours far closer than a bucket's key tells apart, once low, once high in a bucket
+        np.where(np.arange(assets) == 3, base[4] + 1e-9, base),
+        np.where(np.arange(assets) == 3, np.nextafter(base[4], np.inf), base),
     ]
     native, values = _rank_days(days)
     for row, ranks in zip(values, native, strict=True):
@@ -178,6 +187,19 @@ def test_the_rank_of_any_width_is_exact(assets: int) -> None:
     native, values = _rank_days(days)
     for row, ranks in zip(values, native, strict=True):
         np.testing.assert_array_equal(ranks, _exact_ranks(row))
+
+
+def test_the_rank_of_a_very_wide_day_is_exact() -> None:
+    # beyond the fast rank's widest day: every day is bucketed exactly
+    rng = np.random.default_rng(5)
+    assets = 16_001
+    days = [rng.normal(size=assets), np.where(np.arange(assets) % 7 == 0, np.nan, rng.integers(0, 50, assets).astype(float))]
+    native, values = _rank_days(days)
+    for row, ranks in zip(values, native, strict=True):
+        present = np.sort(row[~np.isnan(row)])
+        first = np.searchsorted(present, row, side="left")
+        last = np.searchsorted(present, row, side="right") - 1
+        np.testing.assert_array_equal(ranks, np.where(np.isnan(row), np.nan, (first + last) / (2.0 * (present.size - 1))))
 
 
 def test_the_rank_of_a_single_asset_is_the_middle_or_missing() -> None:

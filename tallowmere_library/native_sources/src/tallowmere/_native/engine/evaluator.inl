@@ -33,6 +33,10 @@ inline constexpr double dispersion_tolerance = 1e-9;
 inline constexpr int lanes = 8;
 // Members of a bucket the cross-sectional rank compares in one step.
 inline constexpr int rank_slots = 8;
+// Bits of a value's place inside its bucket, the key the fast rank compares.
+inline constexpr int rank_key_bits = 15;
+// The most assets the fast rank takes: a bucket and its key must fit 31 bits.
+inline constexpr int rank_fast_assets = 16000;
 
 inline double missing() { return std::numeric_limits<double>::quiet_NaN(); }
 
@@ -111,25 +115,31 @@ inline int count_if(int n, Value present) {
 // order: a value's position is the count of the values in the buckets below
 // its own plus its place among its bucket's members.
 //
-// The fast way uses about 2n buckets of eight slots, each slot a member
-// rounded to single precision, so that a bucket is one vector: a value's
-// place is the count of its bucket's members below it, all compared in one
-// step. Rounding keeps the order but can make close neighbours equal, just
-// as ties are equal; either gives two values the same position, and then the
-// positions add up to less than 0 + 1 + ... + (m - 1) for m present values.
-// A day for which they do not add up, or that crowds more than eight values
-// into a bucket, takes the exact way: n buckets laid out one after another in
-// double precision, crowded ones sorted and searched, ties averaged.
+// The fast way uses about 2n buckets of eight 16-bit slots, so that a bucket
+// is one 16-byte vector and all of them stay in the first-level cache. A
+// value's bucket and its slot's key are the whole and the first 15 bits of
+// the fractional part of the same scaled distance (one number that never
+// decreases with the value), and its place is the count of its bucket's
+// members with a smaller key, all compared in one step. Keys keep the order
+// but can make close neighbours equal, just as ties are equal; either gives
+// two values the same position, and then the positions add up to less than
+// 0 + 1 + ... + (m - 1) for m present values. A day that crowds more than
+// eight values into a bucket (a few far-off values leave the others little
+// room) tries again with twice the buckets. A day for which the positions do
+// not add up, or still too crowded, takes the exact way: n buckets laid out
+// one after another in double precision, crowded ones sorted and searched,
+// ties averaged.
 class Ranker {
 public:
     explicit Ranker(int n)
         : n_(n),
           buckets_(n),
-          slotted_buckets_(slotted_bucket_count(n)),
-          single_(static_cast<std::size_t>(n) + 4),
-          slots_(static_cast<std::size_t>(slotted_buckets_ + 1) * rank_slots + static_cast<std::size_t>(n)),
-          count_(static_cast<std::size_t>(slotted_buckets_) + 1),
-          below_(static_cast<std::size_t>(slotted_buckets_) + 2),
+          slotted_buckets_(n <= rank_fast_assets ? slotted_bucket_count(2 * n) : 0),
+          wide_buckets_(n <= rank_fast_assets ? slotted_bucket_count(4 * n) : 0),
+          key_(static_cast<std::size_t>(n) + 4),
+          slots_(static_cast<std::size_t>(wide_buckets_ + 1) * rank_slots + static_cast<std::size_t>(wide_buckets_ > 0 ? n : 0)),
+          count_(static_cast<std::size_t>(wide_buckets_) + 1),
+          below_(static_cast<std::size_t>(wide_buckets_) + 2),
           bucket_(static_cast<std::size_t>(n) + 4),
           place_(static_cast<std::size_t>(n) + 4),
           start_(static_cast<std::size_t>(n) + 2),
@@ -141,24 +151,33 @@ public:
     void rank(const double* x, double* out);
 
 private:
-    // The fast way's buckets: at least 2n, and one less than a multiple of
-    // eight, so that with the missing values' bucket they fill whole vectors.
-    static int slotted_bucket_count(int n) { return (2 * n + 1 + 7) / 8 * 8 - 1; }
+    // The fast way's buckets: at least `least`, and one less than a multiple
+    // of eight, so that with the missing values' bucket they fill whole
+    // vectors (none beyond rank_fast_assets assets).
+    static int slotted_bucket_count(int least) { return (least + 1 + 7) / 8 * 8 - 1; }
+
+    enum class Slotted { ranked, crowded, tied };
 
     void build_table(int present);
     void rank_by_sorting(const double* x, double* out);
     void assign_buckets(const double* x, double lo, double scale, int buckets);
-    bool rank_in_slots(double* out);
+    void assign_keys(const double* x, double lo, double scale, int buckets);
+    Slotted rank_in_slots(double* out, int buckets);
     void rank_in_runs(const double* x, double lo, double span, double* out);
 
     int n_;
     int buckets_;          // the exact way; missing values go to the extra bucket `buckets_`
-    int slotted_buckets_;  // the fast way; its missing values' bucket is `slotted_buckets_`
-    std::vector<float> single_;  // the day's values in single precision
-    // rank_slots slots per bucket; a crowded bucket spills into the next ones
+    // The fast way's buckets (none: every day takes the exact way), and its
+    // second try's; the missing values take one more bucket after them.
+    int slotted_buckets_;
+    int wide_buckets_;
+    // The fast way's scaled distances: bucket << rank_key_bits | key, the
+    // missing values' bucket for a missing value.
+    std::vector<std::uint32_t> key_;
+    // rank_slots keys per bucket; a crowded bucket spills into the next ones
     // (and the day takes the exact way), the missing values' bucket past the end.
-    std::vector<float> slots_;
-    std::vector<int> count_;
+    std::vector<std::int16_t> slots_;
+    std::vector<int> count_;  // all 0 between days
     std::vector<int> below_;
     std::vector<int> bucket_;
     std::vector<int> place_;  // a value's place among its bucket's members, in arrival order
@@ -171,21 +190,6 @@ private:
     int table_present_ = -1;
     std::vector<std::pair<double, int>> pairs_;
 };
-
-// A value rounded to single precision. Any map that never decreases serves
-// the fast rank, but all of a day's values must take the same one: the
-// vectorised build rounds its last few values as it rounds the others
-// (beyond the single range to an infinity), the build for any processor
-// stops at the largest single.
-inline float to_single(double x) {
-#if defined(TALLOWMERE_ENGINE_AVX2_CODE)
-    return _mm_cvtss_f32(_mm_cvtsd_ss(_mm_setzero_ps(), _mm_set_sd(x)));
-#else
-    constexpr double largest = std::numeric_limits<float>::max();
-    if (x != x) return std::numeric_limits<float>::quiet_NaN();
-    return static_cast<float>(x > largest ? largest : (x < -largest ? -largest : x));
-#endif
-}
 
 // The rank of a tie group whose first and last positions add up to k is
 // table_[k], exactly as the reference divides; positions past the present
@@ -242,9 +246,34 @@ inline void Ranker::assign_buckets(const double* x, double lo, double scale, int
     }
 }
 
+// The fast way's scaled distances (see key_): the same clipped distance as
+// assign_buckets, times 2^rank_key_bits (exact), truncated.
+inline void Ranker::assign_keys(const double* x, double lo, double scale, int buckets) {
+    const int n = n_;
+    const double top = static_cast<double>(buckets - 1);
+    const double fraction = static_cast<double>(1 << rank_key_bits);
+    const std::uint32_t absent = static_cast<std::uint32_t>(buckets) << rank_key_bits;
+    std::uint32_t* key = key_.data();
+    int i = 0;
+#if defined(TALLOWMERE_ENGINE_AVX2_CODE)
+    const __m256d low = _mm256_set1_pd(lo), factor = _mm256_set1_pd(scale), last = _mm256_set1_pd(top);
+    const __m256d unit = _mm256_set1_pd(fraction);
+    const __m128i missing_key = _mm_set1_epi32(static_cast<int>(absent));
+    for (; i + 4 <= n; i += 4) {
+        __m256d v = _mm256_loadu_pd(x + i);
+        // min keeps a missing value's NaN, which converts to INT_MIN: above `absent` unsigned
+        __m256d q = _mm256_mul_pd(_mm256_min_pd(last, _mm256_mul_pd(_mm256_sub_pd(v, low), factor)), unit);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(key + i), _mm_min_epu32(_mm256_cvttpd_epi32(q), missing_key));
+    }
+#endif
+    for (; i < n; ++i) {
+        double q = (x[i] - lo) * scale;
+        key[i] = x[i] == x[i] ? static_cast<std::uint32_t>((q < top ? q : top) * fraction) : absent;
+    }
+}
+
 inline void Ranker::rank(const double* x, double* out) {
     const int n = n_;
-    float* single = single_.data();
     double lo = std::numeric_limits<double>::infinity(), hi = -lo;
     int i = 0;
 #if defined(TALLOWMERE_ENGINE_AVX2_CODE)
@@ -254,7 +283,6 @@ inline void Ranker::rank(const double* x, double* out) {
             __m256d v = _mm256_loadu_pd(x + i);
             low = _mm256_min_pd(v, low);  // a missing value loses every comparison
             high = _mm256_max_pd(v, high);
-            _mm_storeu_ps(single + i, _mm256_cvtpd_ps(v));
         }
         alignas(32) double lows[4], highs[4];
         _mm256_store_pd(lows, low);
@@ -268,7 +296,6 @@ inline void Ranker::rank(const double* x, double* out) {
     for (; i < n; ++i) {
         lo = x[i] < lo ? x[i] : lo;  // a missing value compares false and is skipped
         hi = x[i] > hi ? x[i] : hi;
-        single[i] = to_single(x[i]);
     }
     if (!(lo <= hi)) {  // no present value
         for (int k = 0; k < n; ++k) out[k] = missing();
@@ -286,29 +313,41 @@ inline void Ranker::rank(const double* x, double* out) {
         rank_by_sorting(x, out);
         return;
     }
-    assign_buckets(x, lo, scale, slotted_buckets_);
-    if (!rank_in_slots(out)) rank_in_runs(x, lo, span, out);
+    if (slotted_buckets_ == 0) {
+        rank_in_runs(x, lo, span, out);
+        return;
+    }
+    assign_keys(x, lo, scale, slotted_buckets_);
+    Slotted ranked = rank_in_slots(out, slotted_buckets_);
+    if (ranked == Slotted::crowded) {
+        const double wide = static_cast<double>(wide_buckets_ - 1) / span;
+        if (wide - wide == 0.0) {
+            assign_keys(x, lo, wide, wide_buckets_);
+            ranked = rank_in_slots(out, wide_buckets_);
+        }
+    }
+    if (ranked != Slotted::ranked) rank_in_runs(x, lo, span, out);
 }
 
-// The fast way; false when the day must take the exact way (`out` is then
-// left half written).
-inline bool Ranker::rank_in_slots(double* out) {
+// The fast way with `buckets` buckets; unless the day is ranked, `out` is
+// left half written.
+inline Ranker::Slotted Ranker::rank_in_slots(double* out, int buckets) {
     const int n = n_;
-    const int buckets = slotted_buckets_;
-    const int* bucket = bucket_.data();
-    const float* single = single_.data();
+    const std::uint32_t* key = key_.data();
+    constexpr std::uint32_t key_mask = (1u << rank_key_bits) - 1;
     int* count = count_.data();
-    float* slots = slots_.data();
-    std::fill(count, count + buckets + 1, 0);
+    std::int16_t* slots = slots_.data();
+    // The counts start at 0: the sums below leave them so for the next day.
 #pragma GCC unroll 4
     for (int k = 0; k < n; ++k) {
-        const auto b = static_cast<unsigned>(bucket[k]);
+        const unsigned b = key[k] >> rank_key_bits;
         const auto members = static_cast<unsigned>(count[b]);
-        slots[b * rank_slots + members] = single[k];  // a crowded bucket spills over: see below
+        slots[b * rank_slots + members] = static_cast<std::int16_t>(key[k] & key_mask);  // a crowded bucket spills over: see below
         count[b] = static_cast<int>(members + 1);
     }
     count[buckets] = 0;  // the missing values compare below nothing and take the position m
     // below[b + 1] = count[0] + ... + count[b]; the most crowded bucket on the way
+    // (each count is cleared once read)
     int* below = below_.data();
     below[0] = 0;
     int largest = 0;
@@ -319,6 +358,7 @@ inline bool Ranker::rank_in_slots(double* out) {
         const __m256i last_lane = _mm256_set1_epi32(7);
         for (; b + 8 <= buckets + 1; b += 8) {
             const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(count + b));
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(count + b), _mm256_setzero_si256());
             most = _mm256_max_epi32(most, c);
             __m256i v = _mm256_add_epi32(c, _mm256_slli_si256(c, 4));
             v = _mm256_add_epi32(v, _mm256_slli_si256(v, 8));
@@ -335,36 +375,40 @@ inline bool Ranker::rank_in_slots(double* out) {
     for (; b <= buckets; ++b) {
         largest = count[b] > largest ? count[b] : largest;
         below[b + 1] = below[b] + count[b];
+        count[b] = 0;
     }
-    if (largest > rank_slots) return false;
+    if (largest > rank_slots) return Slotted::crowded;
     const int present = below[buckets];
+    const unsigned absent = static_cast<unsigned>(buckets);
     if (present == 1) {
-        for (int k = 0; k < n; ++k) out[k] = bucket[k] < buckets ? 0.5 : missing();
-        return true;
+        for (int k = 0; k < n; ++k) out[k] = (key[k] >> rank_key_bits) < absent ? 0.5 : missing();
+        return Slotted::ranked;
     }
     build_table(present);
     const double* table = single_positions_.data();
     std::int64_t positions = 0;
 #pragma GCC unroll 4
     for (int k = 0; k < n; ++k) {
-        const auto kb = static_cast<unsigned>(bucket[k]);
-        const float* members = slots + kb * rank_slots;
-        const auto size = static_cast<unsigned>(count[kb]);
+        const unsigned kb = key[k] >> rank_key_bits;
+        const auto own = static_cast<std::int16_t>(key[k] & key_mask);
+        const std::int16_t* members = slots + kb * rank_slots;
+        const auto size = static_cast<unsigned>(below[kb + 1] - below[kb]);
         unsigned less;
 #if defined(TALLOWMERE_ENGINE_AVX2_CODE)
-        const auto smaller = static_cast<unsigned>(
-            _mm256_movemask_ps(_mm256_cmp_ps(_mm256_loadu_ps(members), _mm256_broadcast_ss(single + k), _CMP_LT_OQ)));
-        less = static_cast<unsigned>(__builtin_popcount(_bzhi_u32(smaller, size)));
+        // two mask bits per member with a smaller key
+        const auto smaller = static_cast<unsigned>(_mm_movemask_epi8(
+            _mm_cmpgt_epi16(_mm_set1_epi16(own), _mm_loadu_si128(reinterpret_cast<const __m128i*>(members)))));
+        less = static_cast<unsigned>(__builtin_popcount(_bzhi_u32(smaller, 2 * size))) / 2;
 #else
         less = 0;
-        for (unsigned q = 0; q < rank_slots; ++q) less += (q < size) & (members[q] < single[k]);
+        for (unsigned q = 0; q < rank_slots; ++q) less += (q < size) & (members[q] < own);
 #endif
         const unsigned position = static_cast<unsigned>(below[kb]) + less;
         positions += position;
         out[k] = table[position];
     }
     const std::int64_t m = present;
-    return positions == m * (m - 1) / 2 + static_cast<std::int64_t>(n - present) * m;
+    return positions == m * (m - 1) / 2 + static_cast<std::int64_t>(n - present) * m ? Slotted::ranked : Slotted::tied;
 }
 
 // The exact way, for days the fast way cannot rank: n buckets laid out one
@@ -499,6 +543,7 @@ private:
     int n_;
     std::ptrdiff_t stride_;
     std::vector<NodeState> states_;
+    std::vector<Storage> shared_rows_;  // the rows nodes pass on to each other (see the constructor)
     Storage scratch_;  // rows for the weights' deviations
     Ranker ranker_;
 };
@@ -514,6 +559,17 @@ inline Evaluator::Evaluator(const Run& run)
             if (a >= 0) lookback[static_cast<std::size_t>(a)] = std::max(lookback[static_cast<std::size_t>(a)], needed);
         }
     }
+    // A node whose rows no later day reads keeps today's row only until its
+    // last reader has run; then that row serves a later node, so that a
+    // day's rows stay few and close at hand. The root's row is read after
+    // the day's nodes and is never passed on.
+    std::vector<std::size_t> last_reader(count, count);
+    for (std::size_t i = 0; i < count; ++i) {
+        for (int a : run.nodes[i].args) {
+            if (a >= 0 && static_cast<std::size_t>(a) + 1 < count) last_reader[static_cast<std::size_t>(a)] = i;
+        }
+    }
+    std::vector<double*> free_rows;
     states_.resize(count);
     for (std::size_t i = 0; i < count; ++i) {
         NodeState& state = states_[i];
@@ -524,7 +580,22 @@ inline Evaluator::Evaluator(const Run& run)
             state.out = Rows{const_cast<double*>(matrix.data), matrix.row_stride, -1};
             continue;
         }
-        allocate_rows(state, node.op == Op::constant ? 1 : lookback[i] + 1);
+        if (node.op != Op::constant && lookback[i] == 0) {
+            if (free_rows.empty()) {
+                shared_rows_.push_back(allocate(static_cast<std::size_t>(stride_)));
+                free_rows.push_back(shared_rows_.back().get());
+            }
+            state.out = Rows{free_rows.back(), stride_, 0};
+            free_rows.pop_back();
+        } else {
+            allocate_rows(state, node.op == Op::constant ? 1 : lookback[i] + 1);
+        }
+        for (int k = 0; k < 2; ++k) {  // arguments read for the last time pass their row on
+            const int a = node.args[k];
+            if (a < 0 || (k == 1 && a == node.args[0]) || last_reader[static_cast<std::size_t>(a)] != i) continue;
+            const NodeState& argument = states_[static_cast<std::size_t>(a)];
+            if (argument.own == nullptr && argument.out.mask == 0) free_rows.push_back(argument.out.data);
+        }
         if (node.op == Op::constant) std::fill(state.out.data, state.out.data + n_, node.value);
         switch (node.op) {
             case Op::ts_sum:
