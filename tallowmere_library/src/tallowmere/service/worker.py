@@ -2,7 +2,8 @@
 
 One thread owns every status change after intake. It takes the submissions
 whose next step is due (earliest first), judges each one, and writes the new
-status in its own short transaction. Due times are stored with the
+statuses of a round together, in one short transaction; its thread runs at a
+lower scheduling priority than the requests'. Due times are stored with the
 submissions, so a restarted service resumes where the last one stopped (a
 step that was due while the service was down runs at once).
 
