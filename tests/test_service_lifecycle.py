@@ -3,6 +3,9 @@
 from __future__ import annotations
 
 import json
+import os
+import sys
+import threading
 import time
 from collections.abc import Sequence
 from pathlib import Path
@@ -22,9 +25,12 @@ from service_support import (
     strategy_body,
 )
 from tallowmere.service import EvaluationPolicy
-from tallowmere.service.config import ServiceConfig
+from tallowmere.service.config import ServiceConfig, ServiceLimits
 from tallowmere.service.evaluation import Resimulation, mismatched_statistics
 from tallowmere.service.lifecycle import FINAL_STATUSES
+from tallowmere.service.records import SubmissionRecord
+from tallowmere.service.storage import PoolKey, Step, SubmissionStore, Transition
+from tallowmere.service.worker import lower_thread_priority
 
 def wait_for_final(client: httpx.Client, submission_id: str, timeout: float = 20.0) -> dict[str, Any]:
     deadline = time.monotonic() + timeout
@@ -142,3 +148,57 @@ def test_config_refuses_bad_tokens_and_speeds() -> None:
     for tokens, speed in [("abc", 1.0), ([], 1.0), (["with space"], 1.0), (["ok"], 0.0), (["ok"], float("inf"))]:
         with pytest.raises((TypeError, ValueError)):
             ServiceConfig(db_path=Path("x.db"), tokens=tokens, speed=speed)
+
+
+@pytest.mark.parametrize("niceness", [-1, 20, 2.0, True, None])
+def test_limits_refuse_a_worker_niceness_outside_0_to_19(niceness: Any) -> None:
+    with pytest.raises(ValueError, match="worker_niceness"):
+        ServiceLimits(worker_niceness=niceness)
+
+
+def test_the_worker_s_priority_is_lowered_for_its_own_thread_alone() -> None:
+    seen: dict[str, int | bool] = {}
+
+    def lower() -> None:
+        seen["lowered"] = lower_thread_priority(25)
+        seen["thread"] = os.getpriority(os.PRIO_PROCESS, threading.get_native_id())
+
+    before = os.getpriority(os.PRIO_PROCESS, threading.get_native_id())
+    thread = threading.Thread(target=lower)
+    thread.start()
+    thread.join()
+    on_linux = sys.platform.startswith("linux")  # elsewhere a thread has no priority of its own
+    assert seen == ({"lowered": True, "thread": 19} if on_linux else {"lowered": False, "thread": before})
+    assert os.getpriority(os.PRIO_PROCESS, threading.get_native_id()) == before
+    assert os.getpriority(os.PRIO_PROCESS, 0) == before
+
+
+def test_a_round_of_status_changes_is_written_at_once_and_skips_a_status_changed_meanwhile(tmp_path: Path) -> None:
+    def record(name: str) -> SubmissionRecord:
+        return SubmissionRecord(
+            submission_id=f"sig_{name}", owner="owner-a", kind="signal", idempotency_key=name, fingerprint="f",
+            pool_name="momentum", named_universe="top300", market_id=1, era_number=3, request={},
+            answer={}, thresholds={}, status="signal_submitted", created_at=1.0, updated_at=1.0, next_action_at=2.0,
+            history=[{"status": "signal_submitted", "at": "then"}],
+        )
+
+    pool = PoolKey(1, 3, "momentum")
+    found = Transition("signal_found", {"is_correlation": 0.1}, 50.0, pool_pnl=b"\x00" * 8)
+    store = SubmissionStore(tmp_path / "rounds.db")
+    try:
+        first, second, third = record("first"), record("second"), record("third")
+        store.insert([first, second, third])
+        assert store.advance([Step(second, found, 3.0, "now")]) == [True]
+        made = store.advance([Step(first, found, 4.0, "now"), Step(second, found, 4.0, "again"),
+                              Step(third, Transition("signal_is_rejected", {"rejection_reason": "r"}, None), 4.0, "now")])
+        assert made == [True, False, True]
+        statuses = {s.submission_id: s for s in store.list_for_owner("owner-a").submissions}
+        assert [statuses[f"sig_{n}"].status for n in ("first", "second", "third")] == [
+            "signal_found", "signal_found", "signal_is_rejected"]
+        skipped = statuses["sig_second"]  # nothing of the stale step is written
+        assert (skipped.updated_at, skipped.history[-1]) == (3.0, {"status": "signal_found", "at": "now"})
+        assert statuses["sig_third"].outcome["rejection_reason"] == "r"
+        assert len(store.pool_pnls(pool)) == 2  # first and second, once each
+        assert store.advance([]) == []
+    finally:
+        store.close()

@@ -69,6 +69,9 @@ class ServiceLimits:
     service runs (`sys.setswitchinterval`); shorter than Python's 5 ms, it
     hands the interpreter back to the event loop sooner when the lifecycle
     worker computes or a thread finishes a database call.
+    ``worker_niceness``: how much lower than the requests' the operating
+    system's priority of the lifecycle worker's thread is (Linux; 0 keeps it
+    equal), so that its re-simulations take only the CPU that requests leave.
     """
 
     max_connections: int = 512
@@ -82,12 +85,15 @@ class ServiceLimits:
     large_body_slots: int = 2
     submission_slots: int = 8
     switch_interval: float = 0.001
+    worker_niceness: int = 10
 
     def __post_init__(self) -> None:
         for name in ("max_connections", "work_threads", "large_body_slots", "submission_slots"):
             value = getattr(self, name)
             if type(value) is not int or value < 1:
                 raise ValueError(f"{name} must be a positive integer, got {value!r}")
+        if type(self.worker_niceness) is not int or not 0 <= self.worker_niceness <= 19:
+            raise ValueError(f"worker_niceness must be an integer from 0 to 19, got {self.worker_niceness!r}")
         for name in (
             "header_timeout",
             "body_timeout",

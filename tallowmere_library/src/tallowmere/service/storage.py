@@ -152,6 +152,32 @@ class Transition:
     pool_pnl: bytes | None = None
 
 
+@dataclass(frozen=True, slots=True)
+class Step:
+    """One status change to make: ``record`` as the worker read it, the ``transition`` it judged,
+    and when (``now`` as epoch time, ``timestamp`` as its ISO text for the history)."""
+
+    record: SubmissionRecord
+    transition: Transition
+    now: float
+    timestamp: str
+
+
+def _advance_update(step: Step) -> tuple[Any, ...]:
+    record, transition = step.record, step.transition
+    outcome = {**record.outcome, **transition.outcome}
+    history = [*record.history, {"status": transition.status, "at": step.timestamp}]
+    return (
+        transition.status,
+        _stored_outcome(outcome),
+        dumps_compact(history),
+        step.now,
+        transition.next_action_at,
+        record.submission_id,
+        record.status,
+    )
+
+
 def _record_from_row(row: sqlite3.Row) -> SubmissionRecord:
     return SubmissionRecord(
         submission_id=row["submission_id"],
@@ -565,48 +591,43 @@ class SubmissionStore:
         """Store ``records`` in one durable transaction (see `insert_later`) and wait for it."""
         return self.insert_later(records).result()
 
-    def advance(self, record: SubmissionRecord, transition: Transition, now: float, timestamp: str) -> bool:
-        """Move ``record`` to ``transition.status`` unless its status changed meanwhile.
+    def advance(self, steps: Sequence[Step]) -> list[bool]:
+        """Make the status changes ``steps`` in one durable transaction and wait for it.
 
-        Returns False (and changes nothing) when the stored status is no longer
-        ``record.status``.
+        Each change is made only if the stored status is still the one its
+        record was read with; the result tells, step by step, whether it was
+        made (False: the status changed meanwhile, and nothing of that step is
+        written). One transaction for a whole round of the worker keeps its
+        syncs few, which leaves the writer to the submissions.
         """
-        outcome = {**record.outcome, **transition.outcome}
-        history = [*record.history, {"status": transition.status, "at": timestamp}]
-        update = (
-            transition.status,
-            _stored_outcome(outcome),
-            dumps_compact(history),
-            now,
-            transition.next_action_at,
-            record.submission_id,
-            record.status,
-        )
+        updates = [(step, _advance_update(step)) for step in steps]
 
-        def write(connection: sqlite3.Connection) -> bool:
-            cursor = connection.execute(
-                "UPDATE submissions SET status = ?, outcome_json = ?, history_json = ?, updated_at = ?, "
-                "next_action_at = ? WHERE submission_id = ? AND status = ?",
-                update,
-            )
-            if cursor.rowcount != 1:
-                return False
-            if transition.pool_pnl is not None:
-                connection.execute(
-                    "INSERT OR REPLACE INTO pool_members "
-                    "(submission_id, market_id, era_number, pool_name, pnl, added_at) VALUES (?, ?, ?, ?, ?, ?)",
-                    (
-                        record.submission_id,
-                        record.market_id,
-                        record.era_number,
-                        record.pool_name,
-                        transition.pool_pnl,
-                        now,
-                    ),
+        def write(connection: sqlite3.Connection) -> list[bool]:
+            made: list[bool] = []
+            for step, update in updates:
+                cursor = connection.execute(
+                    "UPDATE submissions SET status = ?, outcome_json = ?, history_json = ?, updated_at = ?, "
+                    "next_action_at = ? WHERE submission_id = ? AND status = ?",
+                    update,
                 )
-            return True
+                made.append(cursor.rowcount == 1)
+                record, transition = step.record, step.transition
+                if cursor.rowcount == 1 and transition.pool_pnl is not None:
+                    connection.execute(
+                        "INSERT OR REPLACE INTO pool_members "
+                        "(submission_id, market_id, era_number, pool_name, pnl, added_at) VALUES (?, ?, ?, ?, ?, ?)",
+                        (
+                            record.submission_id,
+                            record.market_id,
+                            record.era_number,
+                            record.pool_name,
+                            transition.pool_pnl,
+                            step.now,
+                        ),
+                    )
+            return made
 
-        return self._write(write).result()
+        return self._write(write).result() if updates else []
 
     # -- reads --------------------------------------------------------------------------
 
