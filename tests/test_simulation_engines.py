@@ -25,6 +25,7 @@ from tallowmere.simulation.engines import ENGINE_VARIABLE, compile_program, eval
 from tallowmere.simulation.expression import compile_expression
 from tallowmere.simulation.market_panel import FIELD_NAMES, FloatArray, MarketPanel
 from tallowmere.simulation.operators import OPERATORS
+from tallowmere.simulation.portfolio import daily_book, signal_weights
 from tallowmere.simulation.simulator import simulate_signal
 from tallowmere.simulation.synthetic_market import default_panel
 
@@ -275,6 +276,30 @@ def test_weights_and_the_daily_book_are_identical_on_the_default_panel() -> None
     np.testing.assert_array_equal(native.weights, reference.weights)
     for figure in ("pnl", "traded", "net", "gross", "largest"):
         np.testing.assert_array_equal(getattr(native.book, figure), getattr(reference.book, figure))
+
+
+@pytest.mark.parametrize("assets", [1, 2, 7, 8, 13, 300])
+@pytest.mark.parametrize("generic", [False, True])
+def test_weights_and_the_daily_book_match_the_reference_on_awkward_days(assets: int, generic: bool) -> None:
+    # Days with missing and infinite values, one present value, a constant row,
+    # rounding-level spread and huge levels; asset counts around the eight lanes.
+    rng = np.random.default_rng(assets)
+    values = rng.normal(size=(40, assets))
+    values[rng.random(values.shape) < 0.2] = np.nan
+    values[1] = np.inf
+    values[2, 1:] = np.nan
+    values[3] = 4.25
+    values[4] = 1.0 + rng.normal(scale=1e-13, size=assets)
+    values[5] = rng.normal(1e300, 1e299, size=assets)
+    returns = rng.normal(scale=0.01, size=values.shape)
+    returns[rng.random(returns.shape) < 0.1] = np.nan
+    weights, daily = np.empty_like(values), np.empty((5, values.shape[0]))
+    program = (("field", (), 0, 0.0),)
+    _native.evaluate_program(program, (values,), weights=weights, returns=returns, daily=daily, generic=generic)
+    expected = signal_weights(values)
+    np.testing.assert_array_equal(weights, expected)
+    book = daily_book(expected, returns)
+    np.testing.assert_array_equal(daily, np.stack([book.pnl, book.traded, book.net, book.gross, book.largest]))
 
 
 def test_simulations_with_either_engine_give_identical_results() -> None:

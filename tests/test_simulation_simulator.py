@@ -12,6 +12,8 @@ import pytest
 from simulation_support import momentum_graph, mixed_graph, node, reversal_graph, stale_returns_graph
 from tallowmere.simulation.backtest_timing import require_recorded_backtest_timing
 from tallowmere.simulation.mi_contract import MI_CONTRACT_KEYS
+from tallowmere.simulation.portfolio import DailyBook
+from tallowmere.simulation.signal_statistics import period_statistics
 from tallowmere.simulation.simulator import simulate_signal
 
 STATISTICS = {"sharpe", "turnover", "delta_exposure", "max_weight", "abs_weight_sum_mean", "correlation"}
@@ -121,3 +123,34 @@ def test_importing_the_package_leaves_numpy_unloaded_until_the_simulator_is_used
     )
     completed = subprocess.run([sys.executable, "-c", probe], capture_output=True, text=True, check=True)
     assert completed.stdout.split() == ["False", "True"]
+
+
+@pytest.mark.parametrize("days", [0, 1, 2, 7, 129, 504, 757])
+@pytest.mark.parametrize("level", [0.0, 1e6])
+def test_period_statistics_equal_the_plain_numpy_figures_bit_for_bit(days: int, level: float) -> None:
+    # The statistics reduce with the ufuncs directly; they must still be exactly
+    # what ndarray.mean, ndarray.std and ndarray.max give, on every length that
+    # changes numpy's summation (blocks of 8 and 128) and on a large level.
+    rng = np.random.default_rng(days)
+    pnl, traded, net, gross, largest = rng.normal(level, 1e-2, (5, days))
+    book = DailyBook(pnl, traded, net, gross, largest)
+    split = days // 3
+    for start, stop in ((0, split), (split, days)):
+        statistics = period_statistics(book, start, stop, [])
+        if stop - start == 0:
+            assert statistics == dict.fromkeys(STATISTICS, 0.0)
+            continue
+        period = pnl[start:stop]
+        expected_sharpe = 0.0
+        if period.size >= 2:
+            mean, deviation = float(period.mean()), float(period.std(ddof=1))
+            if deviation > 1e-9 * abs(mean):
+                expected_sharpe = mean / deviation * math.sqrt(252)
+        assert statistics == {
+            "sharpe": expected_sharpe,
+            "turnover": float(traded[start:stop].mean() / 2.0),
+            "delta_exposure": float(np.abs(net[start:stop]).mean()),
+            "max_weight": float(largest[start:stop].max()),
+            "abs_weight_sum_mean": float(gross[start:stop].mean()),
+            "correlation": 0.0,
+        }

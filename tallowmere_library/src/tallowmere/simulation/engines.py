@@ -101,18 +101,20 @@ def compile_program(root: ExpressionNode) -> Program:
 
     def place(node: ExpressionNode) -> int:
         operator = node.operator
+        kind = operator.kind
         step: Step
-        if operator.kind == "data":
-            if operator.name not in fields:
-                fields.append(operator.name)
-            field = fields.index(operator.name)
+        if kind == "data":
+            name = operator.name
+            if name not in fields:
+                fields.append(name)
+            field = fields.index(name)
             key: tuple[object, ...] = ("field", field)
             step = ("field", (), field, 0.0)
-        elif operator.kind == "constant":
+        elif kind == "constant":
             key = ("const", node.value.hex())  # 0.0 and -0.0 stay apart
             step = ("const", (), 0, node.value)
         else:
-            arguments = tuple(place(child) for child in node.children)
+            arguments = tuple([place(child) for child in node.children])
             key = (operator.name, arguments, node.window)
             step = (operator.name, arguments, node.window, 0.0)
         index = index_of.get(key)

@@ -56,21 +56,34 @@ def _unknown_operator_message(op: str) -> str:
     return f"unknown operator {op!r}{hint}; market data fields: {data_fields}; operators: {others}"
 
 
-def _window(node: Mapping[str, object], path: str, operator: Operator, day_count: int) -> int:
+# Where a node sits: "root", or (parent's location, argument index). The
+# path text is built only for an error message.
+_Location = str | tuple["_Location", int]
+
+
+def _path(location: _Location) -> str:
+    indices: list[int] = []
+    while not isinstance(location, str):
+        location, index = location
+        indices.append(index)
+    return location + "".join(f".args[{index}]" for index in reversed(indices))
+
+
+def _window(node: Mapping[str, object], location: _Location, operator: Operator, day_count: int) -> int:
     window = node["window"]
     if isinstance(window, bool) or not isinstance(window, int) or window < operator.min_window:
         raise _node_error(
-            path, operator.name, f"'window' must be an integer >= {operator.min_window}, got {window!r}"
+            _path(location), operator.name, f"'window' must be an integer >= {operator.min_window}, got {window!r}"
         )
     if window > day_count:
-        raise _node_error(path, operator.name, f"'window' {window} is longer than the panel's {day_count} days")
+        raise _node_error(_path(location), operator.name, f"'window' {window} is longer than the panel's {day_count} days")
     return window
 
 
-def _constant(node: Mapping[str, object], path: str, operator: Operator) -> float:
+def _constant(node: Mapping[str, object], location: _Location, operator: Operator) -> float:
     value = node["value"]
     if isinstance(value, bool) or not isinstance(value, (int, float)) or not math.isfinite(value):
-        raise _node_error(path, operator.name, f"'value' must be a finite number, got {value!r}")
+        raise _node_error(_path(location), operator.name, f"'value' must be a finite number, got {value!r}")
     return float(value)
 
 
@@ -90,32 +103,36 @@ def _check_parameters(node: Mapping[str, object], path: str, op: str, parameters
         raise _node_error(path, op, f"unexpected parameter {unexpected[0]!r}; {op} takes {accepted}")
 
 
-def _compile_node(node: object, path: str, day_count: int) -> ExpressionNode:
-    if not isinstance(node, Mapping):
-        raise ValueError(f"graph node at {path}: a node must be an object (dict), got {type(node).__name__}")
+def _compile_node(node: object, location: _Location, day_count: int) -> ExpressionNode:
+    if type(node) is not dict and not isinstance(node, Mapping):
+        raise ValueError(
+            f"graph node at {_path(location)}: a node must be an object (dict), got {type(node).__name__}"
+        )
     op = node.get("op")
-    if not isinstance(op, str):
-        raise ValueError(f"graph node at {path}: 'op' must be a non-empty string")
+    if type(op) is not str and not isinstance(op, str):
+        raise ValueError(f"graph node at {_path(location)}: 'op' must be a non-empty string")
     operator = _OPERATORS_BY_NAME.get(op)
     if operator is None:
-        raise _node_error(path, op, _unknown_operator_message(op))
+        raise _node_error(_path(location), op, _unknown_operator_message(op))
 
     args = node.get("args", ())
-    if not isinstance(args, (list, tuple)):
-        raise _node_error(path, op, f"'args' must be a list of nodes, got {type(args).__name__}")
+    if type(args) is not list and not isinstance(args, (list, tuple)):
+        raise _node_error(_path(location), op, f"'args' must be a list of nodes, got {type(args).__name__}")
     if len(args) != operator.arity:
         expected = "no arguments" if operator.arity == 0 else f"{operator.arity} argument(s)"
-        raise _node_error(path, op, f"expects {expected}, got {len(args)}")
+        raise _node_error(_path(location), op, f"expects {expected}, got {len(args)}")
 
     parameters = _PARAMETERS[op]
     # Exactly "op", the parameters and maybe "args": nothing missing and nothing more.
-    exact = len(node) == 1 + len(parameters) + ("args" in node) and all(name in node for name in parameters)
+    exact = len(node) == 1 + len(parameters) + ("args" in node)
+    for name in parameters:
+        exact = exact and name in node
     if not exact:
-        _check_parameters(node, path, op, parameters)
+        _check_parameters(node, _path(location), op, parameters)
 
-    window = _window(node, path, operator, day_count) if operator.min_window else 0
-    value = _constant(node, path, operator) if operator.kind == "constant" else 0.0
-    children = tuple([_compile_node(child, f"{path}.args[{index}]", day_count) for index, child in enumerate(args)])
+    window = _window(node, location, operator, day_count) if operator.min_window else 0
+    value = _constant(node, location, operator) if operator.kind == "constant" else 0.0
+    children = tuple([_compile_node(child, (location, index), day_count) for index, child in enumerate(args)])
     return ExpressionNode(operator, children, window, value)
 
 

@@ -544,7 +544,7 @@ private:
     std::ptrdiff_t stride_;
     std::vector<NodeState> states_;
     std::vector<Storage> shared_rows_;  // the rows nodes pass on to each other (see the constructor)
-    Storage scratch_;  // rows for the weights' deviations
+    Storage scratch_;  // a row of zeros: the book before the first day
     Ranker ranker_;
 };
 
@@ -1240,16 +1240,41 @@ inline void Evaluator::write_weights(const double* values, double* weights) cons
     const int count = static_cast<int>(combined_lanes(counts));
     const double mean = combined_lanes(sums) / static_cast<double>(std::max(count, 1));
     const double size = combined_lanes(sizes);
-    double* deviations = scratch_.get();
+    // The gross exposure: |x - mean| of the present values (0 for a missing
+    // one), added in lanes as lane_sum adds. The deviations are not stored:
+    // the last pass computes each again, the same subtraction.
+    double magnitudes[lanes] = {};
+    i = 0;
+#if defined(TALLOWMERE_ENGINE_AVX2_CODE)
+    {
+        const int full = n - n % lanes;
+        const __m256d zero = _mm256_setzero_pd(), sign = _mm256_set1_pd(-0.0), centre = _mm256_set1_pd(mean);
+        __m256d gross[2] = {zero, zero};
+        for (; i < full; i += lanes) {
+            for (int h = 0; h < 2; ++h) {
+                const __m256d x = _mm256_loadu_pd(values + i + 4 * h);
+                const __m256d here = _mm256_cmp_pd(_mm256_sub_pd(x, x), zero, _CMP_EQ_OQ);
+                const __m256d deviation = _mm256_and_pd(here, _mm256_sub_pd(x, centre));
+                gross[h] = _mm256_add_pd(gross[h], _mm256_andnot_pd(sign, deviation));
+            }
+        }
+        _mm256_storeu_pd(magnitudes, gross[0]);
+        _mm256_storeu_pd(magnitudes + 4, gross[1]);
+    }
+#endif
+    for (; i < n; ++i) {
+        const double x = values[i];
+        magnitudes[i % lanes] += std::fabs(x - x == 0.0 ? x - mean : 0.0);
+    }
+    const double gross = combined_lanes(magnitudes);
+    const bool holds = count >= 2 && gross > 0.0 && gross > dispersion_tolerance * size;
+    if (!holds) {
+        std::fill(weights, weights + n, 0.0);
+        return;
+    }
     for (int k = 0; k < n; ++k) {
         const double x = values[k];
-        deviations[k] = x - x == 0.0 ? x - mean : 0.0;
-    }
-    const double gross = lane_sum(n, [&](int k) { return std::fabs(deviations[k]); });
-    const bool holds = count >= 2 && gross > 0.0 && gross > dispersion_tolerance * size;
-    const double scale = holds ? gross : 1.0;
-    for (int k = 0; k < n; ++k) {
-        double w = holds ? deviations[k] / scale : 0.0;
+        const double w = (x - x == 0.0 ? x - mean : 0.0) / gross;
         weights[k] = w - w == 0.0 ? w : 0.0;
     }
 }
