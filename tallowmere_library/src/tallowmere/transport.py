@@ -254,7 +254,37 @@ def _checked_base_url(base_url: str | None, owner: str) -> str:
     return base_url
 
 
-class RetryingClient:
+class _RetryingBase:
+    """What the blocking and the asynchronous retrying clients share: the policy,
+    the httpx client (their own or the caller's), the waits and the clock."""
+
+    def __init__(
+        self,
+        client: Any,
+        owns_client: bool,
+        policy: RetryPolicy | None,
+        sleep: Any,
+        clock: Callable[[], float],
+        rng: Callable[[], float],
+    ) -> None:
+        self.policy = policy or RetryPolicy()
+        self._client = client
+        self._owns_client = owns_client
+        self._sleep = sleep
+        self._clock = clock
+        self._rng = rng
+
+    @property
+    def base_url(self) -> httpx.URL:
+        """The URL relative request paths are resolved against."""
+        url: httpx.URL = self._client.base_url
+        return url
+
+    def __repr__(self) -> str:
+        return f"{type(self).__name__}(base_url={str(self.base_url)!r}, policy={self.policy!r})"
+
+
+class RetryingClient(_RetryingBase):
     """An HTTP client with the ``post``/``get``/``request``/``close`` methods the
     submission client uses, retrying as :class:`RetryPolicy` says.
 
@@ -275,21 +305,11 @@ class RetryingClient:
         clock: Callable[[], float] = time.monotonic,
         rng: Callable[[], float] = random.random,
     ) -> None:
-        self.policy = policy or RetryPolicy()
+        owned = client is None
         if client is None:
             client = httpx.Client(base_url=_checked_base_url(base_url, "RetryingClient"), timeout=timeout)
-            self._owns_client = True
-        else:
-            self._owns_client = False
-        self._client = client
-        self._sleep = sleep
-        self._clock = clock
-        self._rng = rng
-
-    @property
-    def base_url(self) -> httpx.URL:
-        """The URL relative request paths are resolved against."""
-        return self._client.base_url
+        super().__init__(client, owned, policy, sleep, clock, rng)
+        self._client: httpx.Client
 
     # -- the methods SignalServiceClient calls ------------------------------------------
 
@@ -345,11 +365,8 @@ class RetryingClient:
     ) -> None:
         self.close()
 
-    def __repr__(self) -> str:
-        return f"{type(self).__name__}(base_url={str(self.base_url)!r}, policy={self.policy!r})"
 
-
-class AsyncRetryingClient:
+class AsyncRetryingClient(_RetryingBase):
     """The asynchronous twin of :class:`RetryingClient`, over ``httpx.AsyncClient``.
 
     Same policy, same decisions, same logging; its methods are coroutines and
@@ -373,21 +390,11 @@ class AsyncRetryingClient:
             import asyncio  # here, so that the blocking transport's users never load it
 
             sleep = asyncio.sleep
-        self.policy = policy or RetryPolicy()
+        owned = client is None
         if client is None:
             client = httpx.AsyncClient(base_url=_checked_base_url(base_url, "AsyncRetryingClient"), timeout=timeout)
-            self._owns_client = True
-        else:
-            self._owns_client = False
-        self._client = client
-        self._sleep = sleep
-        self._clock = clock
-        self._rng = rng
-
-    @property
-    def base_url(self) -> httpx.URL:
-        """The URL relative request paths are resolved against."""
-        return self._client.base_url
+        super().__init__(client, owned, policy, sleep, clock, rng)
+        self._client: httpx.AsyncClient
 
     async def post(
         self, url: str, *, content: Any = None, headers: Mapping[str, str] | None = None
@@ -439,9 +446,6 @@ class AsyncRetryingClient:
         self, exc_type: type[BaseException] | None, exc: BaseException | None, traceback: TracebackType | None
     ) -> None:
         await self.aclose()
-
-    def __repr__(self) -> str:
-        return f"{type(self).__name__}(base_url={str(self.base_url)!r}, policy={self.policy!r})"
 
 
 def _describe(error: BaseException) -> str:
