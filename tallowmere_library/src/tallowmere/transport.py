@@ -283,6 +283,18 @@ class _RetryingBase:
     def __repr__(self) -> str:
         return f"{type(self).__name__}(base_url={str(self.base_url)!r}, policy={self.policy!r})"
 
+    def _attempt_request(
+        self, method: str, url: str, content: Any, headers: Mapping[str, str] | None, attempts: _Attempts
+    ) -> httpx.Request:
+        """The request of one attempt: the body rewound, the timeouts cut to what
+        remains of the deadline, and the token's destination checked."""
+        _rewind(content)
+        request: httpx.Request = self._client.build_request(
+            method, url, content=content, headers=headers, timeout=attempts.timeout(self._client.timeout)
+        )
+        _check_token_destination(request)
+        return request
+
 
 class RetryingClient(_RetryingBase):
     """An HTTP client with the ``post``/``get``/``request``/``close`` methods the
@@ -334,11 +346,7 @@ class RetryingClient(_RetryingBase):
         _check_authorization_value(headers)
         attempts = _Attempts(self.policy, method, url, content, headers, self._clock, self._rng)
         while True:
-            _rewind(content)
-            request = self._client.build_request(
-                method, url, content=content, headers=headers, timeout=attempts.timeout(self._client.timeout)
-            )
-            _check_token_destination(request)
+            request = self._attempt_request(method, url, content, headers, attempts)
             try:
                 response = self._client.send(request)
             except httpx.TransportError as error:
@@ -416,11 +424,7 @@ class AsyncRetryingClient(_RetryingBase):
         _check_authorization_value(headers)
         attempts = _Attempts(self.policy, method, url, content, headers, self._clock, self._rng)
         while True:
-            _rewind(content)
-            request = self._client.build_request(
-                method, url, content=content, headers=headers, timeout=attempts.timeout(self._client.timeout)
-            )
-            _check_token_destination(request)
+            request = self._attempt_request(method, url, content, headers, attempts)
             try:
                 response = await self._client.send(request)
             except httpx.TransportError as error:
