@@ -7,6 +7,7 @@ from typing import Any
 
 import pytest
 
+from tallowmere.simulation import backtest_timing
 from tallowmere.simulation.backtest_timing import (
     CONSUMED_GRACE_SECONDS,
     MISSING_TIMING_MESSAGE,
@@ -110,6 +111,86 @@ def test_store_forgets_the_least_recently_used_record() -> None:
     assert store.lookup("a") is not None
     store.record("c", **TIMING)  # type: ignore[arg-type]
     assert [store.lookup(name) is not None for name in ("a", "b", "c")] == [True, False, True]
+
+
+# The module's own store, as both implementations of the module functions use it.
+
+
+@pytest.fixture
+def store_clock(monkeypatch: pytest.MonkeyPatch) -> _Clock:
+    """The module store's clock, replaced by one the test moves."""
+    clock = _Clock()
+    monkeypatch.setattr(backtest_timing._STORE, "_clock", clock)
+    return clock
+
+
+@pytest.mark.parametrize("start", [1000.0, 1000, 10**30])  # a clock of ints takes the same steps
+def test_module_store_expires_records_by_its_clock_at_call_time(impl: Any, graph: dict[str, object],
+                                                                store_clock: _Clock, start: Any) -> None:
+    store_clock.now = start
+    record = record_backtest_timing(graph, **TIMING)  # type: ignore[arg-type]
+    store_clock.now = start + int(CONSUMED_GRACE_SECONDS)
+    assert impl.consume_recorded_backtest_timing(graph) is record
+    store_clock.now += int(CONSUMED_GRACE_SECONDS) - 1
+    assert impl.require_recorded_backtest_timing(graph) is record
+    store_clock.now += 1  # the grace period after the first consumption is over
+    assert impl.consume_recorded_backtest_timing(graph) is None
+    with pytest.raises(ValueError, match="recorded backtest timing is required"):
+        impl.require_recorded_backtest_timing(graph)
+    fresh = record_backtest_timing(graph, **TIMING)  # type: ignore[arg-type]
+    store_clock.now += int(RECORD_LIFETIME_SECONDS) - 1
+    assert impl.require_recorded_backtest_timing(graph) is fresh
+    store_clock.now += 1  # its lifetime is over, unconsumed
+    assert impl.consume_recorded_backtest_timing(graph) is None
+
+
+def test_module_store_reads_its_methods_and_attributes_when_called(impl: Any, graph: dict[str, object],
+                                                                   monkeypatch: pytest.MonkeyPatch) -> None:
+    store = backtest_timing._STORE
+    record = record_backtest_timing(graph, **TIMING)  # type: ignore[arg-type]
+    seen: list[str] = []
+
+    def hidden(fingerprint: str, now: float) -> None:
+        seen.append("instance _usable_entry")
+
+    monkeypatch.setattr(store, "_usable_entry", hidden, raising=False)
+    assert impl.consume_recorded_backtest_timing(graph) is None
+    monkeypatch.undo()
+    original_lookup = BacktestTimingStore.lookup
+
+    def lookup(self: BacktestTimingStore, fingerprint: str) -> BacktestTimingRecord | None:
+        seen.append("class lookup")
+        return original_lookup(self, fingerprint)
+
+    monkeypatch.setattr(BacktestTimingStore, "lookup", lookup)
+    assert impl.require_recorded_backtest_timing(graph) is record
+    monkeypatch.undo()
+    fingerprint = backtest_timing.graph_fingerprint(graph)
+    # A plain dict in place of the ordered one: found by .get, then refused by .move_to_end.
+    monkeypatch.setattr(store, "_entries", {fingerprint: store._entries[fingerprint]})
+    with pytest.raises(AttributeError, match="move_to_end"):
+        impl.consume_recorded_backtest_timing(graph)
+    assert seen == ["instance _usable_entry", "class lookup"]
+    assert not store._lock.locked()
+
+
+def test_module_store_calls_its_clock_under_its_lock_and_releases_it_on_error(
+        impl: Any, graph: dict[str, object], monkeypatch: pytest.MonkeyPatch) -> None:
+    store = backtest_timing._STORE
+    record_backtest_timing(graph, **TIMING)  # type: ignore[arg-type]
+    held: list[bool] = []
+
+    def failing_clock() -> float:
+        held.append(store._lock.locked())
+        raise RuntimeError("clock stopped")
+
+    monkeypatch.setattr(store, "_clock", failing_clock)
+    for call in (impl.require_recorded_backtest_timing, impl.consume_recorded_backtest_timing):
+        with pytest.raises(RuntimeError, match="clock stopped") as caught:
+            call(graph)
+        assert caught.value.__context__ is None
+        assert not store._lock.locked()
+    assert held == [True, True]
 
 
 def _record(elapsed: float = 100.0, max_row: float = 0.05, frequency: str = "1d") -> BacktestTimingRecord:

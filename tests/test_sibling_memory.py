@@ -32,6 +32,28 @@ def fresh_graph() -> dict[str, Any]:
     return json.loads(json.dumps(GRAPH))
 
 
+def under_store_clock(clock: Callable[[], Any], call: Callable[[], Any]) -> Any:
+    """call() with the module store's clock replaced, for the store's expiry and error paths."""
+    store = backtest_timing._STORE
+    saved = store._clock
+    store._clock = clock  # type: ignore[method-assign]
+    try:
+        return call()
+    finally:
+        store._clock = saved  # type: ignore[method-assign]
+
+
+def consume_expired() -> Any:
+    graph = {"op": "expiring", "args": [GRAPH]}
+    backtest_timing.record_backtest_timing(graph, elapsed_seconds=0.5, row_count=10, max_row_elapsed_seconds=0.01,
+                                           frequency="1d")  # fmt: skip
+    return under_store_clock(lambda: math.inf, lambda: _native.consume_recorded_backtest_timing(graph))
+
+
+def stopped_clock() -> float:
+    raise RuntimeError("clock stopped")
+
+
 CALLS: dict[str, Callable[[], Any]] = {
     "measure": lambda: _native.measure_graph_complexity(fresh_graph()),
     "measure refused": lambda: outcome(_native.measure_graph_complexity, {"op": "x", "args": [{"op": ""}]}),
@@ -57,6 +79,11 @@ CALLS: dict[str, Callable[[], Any]] = {
     "require batch": lambda: _native.require_recorded_backtest_timings([fresh_graph(), GRAPH]),
     "require batch refused": lambda: outcome(_native.require_recorded_backtest_timings, [GRAPH, {"op": math.nan}]),
     "consume": lambda: _native.consume_recorded_backtest_timing(GRAPH),
+    "consume expired": consume_expired,
+    "consume clock error": lambda: under_store_clock(
+        stopped_clock, lambda: outcome(_native.consume_recorded_backtest_timing, GRAPH)),
+    "require clock error": lambda: under_store_clock(
+        stopped_clock, lambda: outcome(_native.require_recorded_backtest_timing, GRAPH)),
     "assess": lambda: _native.assess_client_backtest_timing(RECORD, frequency="1d", per_row_budget_seconds=0.001,
                                                             whole_budget_seconds=10),
 }  # fmt: skip

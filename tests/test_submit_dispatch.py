@@ -109,6 +109,26 @@ def test_result_records_are_looked_up_when_built(monkeypatch: pytest.MonkeyPatch
     assert built
 
 
+def test_a_result_class_changed_after_import_builds_its_records(monkeypatch: pytest.MonkeyPatch) -> None:
+    graph = recorded_graph("high", window=15)
+    client, transport = fake_client()
+    transport.answer("/signals/submit", ACCEPTED)
+    expected = SubmitResult(status_code=202, body={"submission_id": "s-1"}, submission_id="s-1",
+                            signal_pool_name=None, strategy_pool_name=None, error=None)
+    direct = client.submit_signal(graph, "top300", **signal_kwargs())
+    assert type(direct) is SubmitResult and direct == expected
+    initialised: list[dict[str, Any]] = []
+    original_init = SubmitResult.__init__
+
+    def init(self: SubmitResult, **fields: Any) -> None:
+        initialised.append(fields)
+        original_init(self, **fields)
+
+    monkeypatch.setattr(SubmitResult, "__init__", init)
+    assert client.submit_signal(graph, "top300", **signal_kwargs()) == expected
+    assert [fields["submission_id"] for fields in initialised] == ["s-1"]
+
+
 def test_telemetry_and_error_classes_are_looked_up_when_used(monkeypatch: pytest.MonkeyPatch) -> None:
     events: list[tuple[Any, ...]] = []
     monkeypatch.setattr(submit, "log_library_surface_event", lambda *a, **kw: events.append((a, kw)))

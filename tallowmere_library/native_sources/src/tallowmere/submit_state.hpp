@@ -133,6 +133,16 @@ struct StandardLibrary {
     }
 };
 
+// A result record class of tallowmere.api.signal_types as imported: a
+// dataclass whose generated __init__ only stores its fields in order.
+// Instances are made directly (allocation, then the stores __init__ makes)
+// while the module global of its name is this class and the class is
+// unchanged since import (its type version tag).
+struct RecordClass {
+    PyObject* cls;
+    unsigned int version_tag;  // 0: always call the class
+};
+
 struct ModuleState {
     Names names;
 
@@ -168,6 +178,8 @@ struct ModuleState {
 
     StandardLibrary standard;
 
+    RecordClass submit_result;  // SubmitResult
+
     // tallowmere._native and its C API, through which the sibling modules'
     // compiled functions are called (dispatch.hpp); no API when it is missing.
     PyObject* native;
@@ -181,7 +193,8 @@ struct ModuleState {
 #undef TALLOWMERE_VISIT_NAME
         for (PyObject** object : {&default_timeout, &default_limit, &default_read_size, &default_whence,
                                   &default_pool_field_name, &empty_text, &canonical_separators, &unreserved_bytes,
-                                  &raw_paths, &raw_path_parser, &rejected_error_class, &response_error_class}) {
+                                  &raw_paths, &raw_path_parser, &rejected_error_class, &response_error_class,
+                                  &submit_result.cls}) {
             visit(*object);
         }
         for (PyObject*& callable : own) visit(callable);

@@ -28,6 +28,164 @@ Ref fingerprint_of(const Module& m, const Ref& graph, Memo memo) {
 
 Ref store_of(const Module& m) { return sibling_global(m, here, m.n.sib__STORE); }
 
+// ---- the store's lookup and consume ------------------------------------------------------------
+//
+// BacktestTimingStore.lookup and .consume, run here for a store whose class is
+// unchanged since the module defined it and whose own attributes hide none of
+// the methods involved: the same steps in the same order, every attribute read
+// and every call made where the methods make them (the clock, whatever it is,
+// is called with the lock held; a replaced entries mapping is called as one).
+// Any other store, or a lock of another type, gets the method call itself.
+
+const StoreClass& store_class(const Module& m) { return m.state().siblings.timing_store; }
+
+// Whether the store's class `type` holds what the fast path relies on: the
+// captured functions, no class attribute of the names it reads from the
+// instance, generic attribute access, and `object` as its only base.
+bool class_as_captured(const Names& n, const StoreClass& captured, PyTypeObject* type) {
+    if (type->tp_getattro != PyObject_GenericGetAttr || type->tp_setattro != PyObject_GenericSetAttr) return false;
+    PyObject* mro = type->tp_mro;
+    if (mro == nullptr || PyTuple_GET_SIZE(mro) != 2 ||
+        PyTuple_GET_ITEM(mro, 1) != reinterpret_cast<PyObject*>(&PyBaseObject_Type)) {
+        return false;
+    }
+    // A class namespace has only str keys (type.__setattr__ takes no other),
+    // so these lookups run no Python code.
+    PyObject* namespace_dict = type->tp_dict;
+    auto holds = [&](PyObject* name, PyObject* expected) {
+        PyObject* value = PyDict_GetItemWithError(namespace_dict, name);
+        if (value == nullptr && PyErr_Occurred()) propagate();
+        return value == expected;
+    };
+    return holds(n.sib_lookup, captured.lookup) && holds(n.sib_consume, captured.consume) &&
+           holds(n.sib__usable_entry, captured.usable_entry) && holds(n.sib__lock, nullptr) &&
+           holds(n.sib__clock, nullptr) && holds(n.sib__entries, nullptr) && holds(n.sib__lifetime_seconds, nullptr) &&
+           holds(n.sib__grace_seconds, nullptr);
+}
+
+// Whether the store's class is the captured one, as captured: checked again
+// whenever its type version changed (a class changed and then restored, as a
+// test's monkeypatch leaves it, qualifies again).
+bool store_class_current(const Module& m, PyTypeObject* type) {
+    StoreClass& captured = m.state().siblings.timing_store;
+    if (captured.cls == nullptr || reinterpret_cast<PyObject*>(type) != captured.cls) return false;
+    if (captured.version_tag != 0 && type->tp_version_tag == captured.version_tag) return true;
+    captured.version_tag = 0;
+    if (!class_as_captured(m.n, captured, type) || !PyUnstable_Type_AssignVersionTag(type)) return false;
+    captured.version_tag = type->tp_version_tag;
+    return true;
+}
+
+// Whether `store.name` is the class's `function` and the class is as captured.
+bool runs_here(const Module& m, const Ref& store, PyObject* name, PyObject* function) {
+    if (!store_class_current(m, Py_TYPE(store.get()))) return false;
+    FoundMethod found = find_method(store, name);
+    return found.unbound && found.callable.get() == function;
+}
+
+// with lock: return body()
+template <class Body>
+Ref holding(const Module& m, const Ref& lock, Body&& body) {
+    const Names& n = m.n;
+    call_method(lock, n.sib___enter__);
+    Ref result = try_except(body, [&](const Caught& caught) -> Ref {
+        Ref exception{caught.exception()};
+        Ref traceback = Ref::steal(PyException_GetTraceback(exception.get()));
+        Ref type{Borrowed(reinterpret_cast<PyObject*>(Py_TYPE(exception.get())))};
+        // The lock's __exit__ never suppresses the exception.
+        call_method(lock, n.sib___exit__, type, exception, traceback ? traceback : Ref(none()));
+        caught.reraise();
+    });
+    call_method(lock, n.sib___exit__, none(), none(), none());
+    return result;
+}
+
+// now - since >= limit(), evaluated in that order.
+template <class Limit>
+Ref at_least_since(const Ref& now, const Ref& since, Limit&& limit) {
+    if (PyFloat_CheckExact(now.get()) && PyFloat_CheckExact(since.get())) {
+        double elapsed = PyFloat_AS_DOUBLE(now.get()) - PyFloat_AS_DOUBLE(since.get());
+        Ref bound = limit();
+        if (PyFloat_CheckExact(bound.get())) return Ref(boolean(elapsed >= PyFloat_AS_DOUBLE(bound.get())));
+        return Ref::checked(PyObject_RichCompare(floating(elapsed).get(), bound.get(), Py_GE));
+    }
+    Ref elapsed = Ref::checked(PyNumber_Subtract(now.get(), since.get()));
+    Ref bound = limit();
+    return Ref::checked(PyObject_RichCompare(elapsed.get(), bound.get(), Py_GE));
+}
+
+// self._entries.get(fingerprint)
+Ref entries_get(const Module& m, const Ref& store, const Ref& fingerprint) {
+    Ref entries = getattr(store, m.n.sib__entries);
+    if (!PyODict_CheckExact(entries.get())) return call_method(entries, m.n.sib_get, fingerprint);
+    PyObject* entry = PyDict_GetItemWithError(entries.get(), fingerprint.get());
+    if (entry == nullptr && PyErr_Occurred()) propagate();
+    return Ref(Borrowed(entry != nullptr ? entry : Py_None));
+}
+
+// self._usable_entry(fingerprint, now), `found` being that attribute.
+Ref usable_entry(const Module& m, const Ref& store, const FoundMethod& found, const Ref& fingerprint, const Ref& now) {
+    const Names& n = m.n;
+    if (!found.unbound || found.callable.get() != store_class(m).usable_entry) {
+        return call_found(found, store, {fingerprint, now});
+    }
+    Ref entry = entries_get(m, store, fingerprint);
+    if (entry.is_none()) return entry;
+    // expired = now - entry.stored_at >= self._lifetime_seconds or (
+    //     entry.first_consumed_at is not None and now - entry.first_consumed_at >= self._grace_seconds)
+    Ref expired = at_least_since(now, getattr(entry, n.sib_stored_at),
+                                 [&] { return getattr(store, n.sib__lifetime_seconds); });
+    if (!truthy(expired)) {
+        Ref first_consumed_at = getattr(entry, n.sib_first_consumed_at);
+        expired = first_consumed_at.is_none()
+                      ? Ref(boolean(false))
+                      : at_least_since(now, first_consumed_at, [&] { return getattr(store, n.sib__grace_seconds); });
+    }
+    if (truthy(expired)) {
+        check_status(PyObject_DelItem(getattr(store, n.sib__entries).get(), fingerprint.get()));
+        return Ref(none());
+    }
+    call_method(getattr(store, n.sib__entries), n.sib_move_to_end, fingerprint);
+    return entry;
+}
+
+// store.lookup(fingerprint)
+Ref store_lookup(const Module& m, const Ref& store, const Ref& fingerprint) {
+    const Names& n = m.n;
+    if (!runs_here(m, store, n.sib_lookup, store_class(m).lookup)) return call_method(store, n.sib_lookup, fingerprint);
+    Ref lock = getattr(store, n.sib__lock);
+    if (reinterpret_cast<PyObject*>(Py_TYPE(lock.get())) != store_class(m).lock_type) {
+        return call_method(store, n.sib_lookup, fingerprint);
+    }
+    Ref entry = holding(m, lock, [&] {
+        // entry = self._usable_entry(fingerprint, self._clock())
+        FoundMethod found = find_method(store, n.sib__usable_entry);
+        Ref now = call(getattr(store, n.sib__clock));
+        return usable_entry(m, store, found, fingerprint, now);
+    });
+    return entry.is_none() ? entry : getattr(entry, n.sib_record);
+}
+
+// store.consume(fingerprint)
+Ref store_consume(const Module& m, const Ref& store, const Ref& fingerprint) {
+    const Names& n = m.n;
+    if (!runs_here(m, store, n.sib_consume, store_class(m).consume)) {
+        return call_method(store, n.sib_consume, fingerprint);
+    }
+    Ref lock = getattr(store, n.sib__lock);
+    if (reinterpret_cast<PyObject*>(Py_TYPE(lock.get())) != store_class(m).lock_type) {
+        return call_method(store, n.sib_consume, fingerprint);
+    }
+    return holding(m, lock, [&] {
+        Ref now = call(getattr(store, n.sib__clock));
+        FoundMethod found = find_method(store, n.sib__usable_entry);
+        Ref entry = usable_entry(m, store, found, fingerprint, now);
+        if (entry.is_none()) return entry;
+        if (getattr(entry, n.sib_first_consumed_at).is_none()) setattr(entry, n.sib_first_consumed_at, now);
+        return getattr(entry, n.sib_record);
+    });
+}
+
 [[noreturn]] void raise_missing_timing(const Module& m, const Ref& suffix = Ref()) {
     Ref message = sibling_global(m, here, m.n.sib_MISSING_TIMING_MESSAGE);
     raise_value_error(suffix ? concat({format(message), suffix}) : message);
@@ -49,7 +207,7 @@ Ref require_recorded_backtest_timing(const Module& m, const Ref& graph) {
         return call(python_implementation(m, here, n.sib_require_recorded_backtest_timing), graph);
     }
     // The submission consumes the record later: remember the fingerprint.
-    Ref record = call_method(store_of(m), n.sib_lookup, fingerprint_of(m, graph, Memo::remember));
+    Ref record = store_lookup(m, store_of(m), fingerprint_of(m, graph, Memo::remember));
     if (record.is_none()) raise_missing_timing(m);
     return record;
 }
@@ -69,7 +227,7 @@ Ref consume_recorded_backtest_timing(const Module& m, const Ref& graph) {
     if (!sibling_intact(m, here)) {
         return call(python_implementation(m, here, n.sib_consume_recorded_backtest_timing), graph);
     }
-    return call_method(store_of(m), n.sib_consume, fingerprint_of(m, graph, Memo::take));
+    return store_consume(m, store_of(m), fingerprint_of(m, graph, Memo::take));
 }
 
 namespace {
@@ -161,7 +319,7 @@ Ref require_timing_with_entry(const Module& m, const Ref& graph, Ref* entry) {
                               m.state().siblings.graph_fingerprint_function
                           ? fingerprint_with_entry(m, graph, &kept)
                           : fingerprint_of(m, graph, Memo::consult);
-    Ref record = call_method(store_of(m), n.sib_lookup, fingerprint);
+    Ref record = store_lookup(m, store_of(m), fingerprint);
     if (record.is_none()) raise_missing_timing(m);
     *entry = kept;
     return record;
@@ -178,7 +336,7 @@ Ref consume_timing_with_entry(const Module& m, const Ref& graph, const Ref& entr
         fingerprint = entry_fingerprint(entry.get(), graph.get());
     }
     if (!fingerprint) fingerprint = fingerprint_of(m, graph, Memo::take);
-    return call_method(store_of(m), n.sib_consume, fingerprint);
+    return store_consume(m, store_of(m), fingerprint);
 }
 
 namespace {
@@ -250,6 +408,40 @@ Ref assess_client_backtest_timing(const Module& m, const Ref& record, const Ref&
     return verdict;
 }
 
+void capture_timing_store(const Module& m, StoreClass& captured, PyObject* cls, PyObject* store) {
+    const Names& n = m.n;
+    for (PyObject** held : {&captured.cls, &captured.lookup, &captured.consume, &captured.usable_entry,
+                            &captured.lock_type}) {
+        Py_CLEAR(*held);
+    }
+    captured.version_tag = 0;
+    if (cls == nullptr || store == nullptr || !PyType_Check(cls) || Py_TYPE(cls) != &PyType_Type) return;
+    PyTypeObject* type = reinterpret_cast<PyTypeObject*>(cls);
+    if (Py_TYPE(store) != type) return;
+    auto function = [&](PyObject* name) -> PyObject* {
+        PyObject* value = PyDict_GetItemWithError(type->tp_dict, name);
+        return value != nullptr && PyFunction_Check(value) ? value : nullptr;
+    };
+    PyObject* lookup = function(n.sib_lookup);
+    PyObject* consume = function(n.sib_consume);
+    PyObject* usable = function(n.sib__usable_entry);
+    if (PyErr_Occurred() || lookup == nullptr || consume == nullptr || usable == nullptr) return;
+    Ref lock = Ref::steal(PyObject_GetAttr(store, n.sib__lock));
+    if (!lock) {
+        PyErr_Clear();
+        return;
+    }
+    PyTypeObject* lock_type = Py_TYPE(lock.get());
+    if (!PyType_HasFeature(lock_type, Py_TPFLAGS_IMMUTABLETYPE)) return;
+    captured.cls = Py_NewRef(cls);
+    captured.lookup = Py_NewRef(lookup);
+    captured.consume = Py_NewRef(consume);
+    captured.usable_entry = Py_NewRef(usable);
+    captured.lock_type = Py_NewRef(reinterpret_cast<PyObject*>(lock_type));
+    if (class_as_captured(n, captured, type) && PyUnstable_Type_AssignVersionTag(type)) {
+        captured.version_tag = type->tp_version_tag;
+    }
+}
 
 namespace sibling_members {
 const Member require_recorded_backtest_timing =

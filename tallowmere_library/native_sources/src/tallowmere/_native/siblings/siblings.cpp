@@ -138,6 +138,9 @@ Ref register_sibling(const Module& m, const Ref& namespace_dict, const Ref& pyth
                            {n.sib_gate, n.sib_actual, n.sib_operator, n.sib_threshold});
             capture_record(state.gate_result, global(n.sib_ThresholdGateResult), {n.sib_passed, n.sib_failures});
             break;
+        case Sibling::backtest_timing:
+            capture_timing_store(m, state.timing_store, global(n.sib_BacktestTimingStore), global(n.sib__STORE));
+            break;
         default:
             break;
     }

@@ -69,6 +69,19 @@ namespace tallowmere::native {
     X(sib_lookup, "lookup")                                                              \
     X(sib_lookup_all, "lookup_all")                                                      \
     X(sib_consume, "consume")                                                            \
+    X(sib_BacktestTimingStore, "BacktestTimingStore")                                    \
+    X(sib__usable_entry, "_usable_entry")                                                \
+    X(sib__lock, "_lock")                                                                \
+    X(sib__clock, "_clock")                                                              \
+    X(sib__entries, "_entries")                                                          \
+    X(sib__lifetime_seconds, "_lifetime_seconds")                                        \
+    X(sib__grace_seconds, "_grace_seconds")                                              \
+    X(sib_stored_at, "stored_at")                                                        \
+    X(sib_first_consumed_at, "first_consumed_at")                                        \
+    X(sib_record, "record")                                                              \
+    X(sib_move_to_end, "move_to_end")                                                    \
+    X(sib___enter__, "__enter__")                                                        \
+    X(sib___exit__, "__exit__")                                                          \
     X(sib_MISSING_TIMING_MESSAGE, "MISSING_TIMING_MESSAGE")                              \
     X(sib_require_recorded_backtest_timing, "require_recorded_backtest_timing")          \
     X(sib_require_recorded_backtest_timings, "require_recorded_backtest_timings")        \
@@ -118,6 +131,19 @@ struct RecordClass {
     unsigned int version_tag;  // the class's type version; 0 disables the direct path
 };
 
+// The timing store's class as backtest_timing defined it: the store's lookup
+// and consume run in backtest_timing.cpp while the class holds what it held
+// at registration (checked again whenever its type version changes) and the
+// store uses a lock of the type the module's own store was made with.
+struct StoreClass {
+    PyObject* cls;
+    PyObject* lookup;        // the class's functions
+    PyObject* consume;
+    PyObject* usable_entry;
+    PyObject* lock_type;     // an immutable built-in type: its __enter__ and __exit__ are fixed
+    unsigned int version_tag;  // the class's type version when last checked; 0: not checked
+};
+
 // Graphs whose timing was looked up for a submission, each with its
 // fingerprint and what proves the graph unchanged (see graph.cpp).
 inline constexpr int fingerprint_memo_size = 8;
@@ -127,6 +153,7 @@ struct SiblingsState {
     RecordClass graph_complexity;
     RecordClass gate_failure;
     RecordClass gate_result;
+    StoreClass timing_store;
     // The function objects this module binds, to recognise them as callees
     // (here, and in the client through the C API).
     PyObject* graph_fingerprint_function;
@@ -144,6 +171,11 @@ struct SiblingsState {
         visit_object(graph_complexity.cls);
         visit_object(gate_failure.cls);
         visit_object(gate_result.cls);
+        visit_object(timing_store.cls);
+        visit_object(timing_store.lookup);
+        visit_object(timing_store.consume);
+        visit_object(timing_store.usable_entry);
+        visit_object(timing_store.lock_type);
         visit_object(graph_fingerprint_function);
         for (PyObject*& function : functions) visit_object(function);
         for (PyObject*& entry : fingerprint_memo) visit_object(entry);

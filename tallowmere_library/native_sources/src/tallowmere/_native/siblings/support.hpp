@@ -39,6 +39,11 @@ Ref sibling_global(const Module& m, Sibling which, PyObject* name);
 // made directly.
 Ref make_record(const Module& m, const RecordClass& record, PyObject* cls, std::initializer_list<Kw> fields);
 
+// Records the timing store's class (and the type of the lock of `store`, the
+// module's own store) for the store's fast path, or disables that path when
+// either is not as the module defines them.
+void capture_timing_store(const Module& m, StoreClass& captured, PyObject* cls, PyObject* store);
+
 // The exact built-in types the fast paths handle themselves.
 inline bool is_exact_scalar(PyObject* value) {
     return value == Py_None || PyBool_Check(value) || PyLong_CheckExact(value) || PyFloat_CheckExact(value) ||
