@@ -9,8 +9,6 @@
 #include "members.hpp"
 #include "request_errors.hpp"
 
-#include <utility>
-
 namespace tallowmere {
 
 namespace {
@@ -20,27 +18,15 @@ namespace {
 Ref submit_result(const Module& m, const Ref& status_code, const Ref& body, const Ref& submission_id,
                   const Ref& signal_pool_name, const Ref& strategy_pool_name, const Ref& error) {
     const Names& n = m.n;
-    const RecordClass& record = m.state().submit_result;
-    PyObject* cls = global_now(m, n.SubmitResult);
-    PyTypeObject* type = reinterpret_cast<PyTypeObject*>(cls);
-    if (cls == record.cls && record.version_tag != 0 && type->tp_version_tag == record.version_tag) {
-        // SubmitResult(status_code=..., ...): the instance its __init__ would fill.
-        Ref instance = Ref::checked(type->tp_alloc(type, 0));
-        for (auto [name, value] : {std::pair{n.status_code, &status_code}, std::pair{n.body, &body},
-                                   std::pair{n.submission_id, &submission_id},
-                                   std::pair{n.signal_pool_name, &signal_pool_name},
-                                   std::pair{n.strategy_pool_name, &strategy_pool_name}, std::pair{n.error, &error}}) {
-            check_status(PyObject_SetAttr(instance.get(), name, value->get()));
-        }
-        return instance;
-    }
-    return call_kw(Ref(Borrowed(cls)), {},
-                   {{n.status_code, status_code},
-                    {n.body, body},
-                    {n.submission_id, submission_id},
-                    {n.signal_pool_name, signal_pool_name},
-                    {n.strategy_pool_name, strategy_pool_name},
-                    {n.error, error}});
+    // SubmitResult(status_code=..., ...), made directly while the global is the class imported, unchanged
+    Ref cls{Borrowed(global_now(m, n.SubmitResult))};
+    return make_record(m.state().submit_result, cls.get(),
+                       {{n.status_code, status_code},
+                        {n.body, body},
+                        {n.submission_id, submission_id},
+                        {n.signal_pool_name, signal_pool_name},
+                        {n.strategy_pool_name, strategy_pool_name},
+                        {n.error, error}});
 }
 
 constexpr auto submit_result_from_body_signature = signature(

@@ -91,38 +91,9 @@ void bind_imports(PyObject* module, const Names& n) {
     }
 }
 
-// Captures `cls` for direct construction when it is a plain dataclass whose
-// fields are `fields`, in this order: instances from object.__new__, the
-// type's own __call__, no __post_init__.
-void capture_record_class(RecordClass& record, const Ref& cls, std::initializer_list<PyObject*> fields) {
-    Py_XSETREF(record.cls, Ref(cls).release());
-    record.version_tag = 0;
-    if (!PyType_Check(cls.get()) || Py_TYPE(cls.get()) != &PyType_Type) return;
-    PyTypeObject* type = reinterpret_cast<PyTypeObject*>(cls.get());
-    if (type->tp_new != PyBaseObject_Type.tp_new) return;
-    Ref declared = Ref::steal(PyObject_GetAttrString(cls.get(), "__dataclass_fields__"));
-    if (!declared || !PyDict_CheckExact(declared.get()) ||
-        PyDict_GET_SIZE(declared.get()) != static_cast<Py_ssize_t>(fields.size())) {
-        PyErr_Clear();
-        return;
-    }
-    Py_ssize_t position = 0;
-    PyObject *key, *value;
-    for (PyObject* field : fields) {
-        if (!PyDict_Next(declared.get(), &position, &key, &value) || !PyUnicode_Check(key) ||
-            PyUnicode_Compare(key, field) != 0) {
-            PyErr_Clear();
-            return;
-        }
-    }
-    if (Ref post_init = Ref::steal(PyObject_GetAttrString(cls.get(), "__post_init__"))) return;
-    PyErr_Clear();
-    if (PyUnstable_Type_AssignVersionTag(type)) record.version_tag = type->tp_version_tag;
-}
-
 void capture_records(PyObject* module, ModuleState* state) {
     const Names& n = state->names;
-    capture_record_class(state->submit_result, Module::of(module).global(n.SubmitResult),
+    capture_record(state->submit_result, Module::of(module).global(n.SubmitResult).get(),
                          {n.status_code, n.body, n.submission_id, n.signal_pool_name, n.strategy_pool_name, n.error});
 }
 

@@ -3,6 +3,7 @@
 
 #include "_native/siblings/api.hpp"
 #include "core/module.hpp"
+#include "core/records.hpp"
 #include "core/watch.hpp"
 #include "names.hpp"
 
@@ -133,16 +134,6 @@ struct StandardLibrary {
     }
 };
 
-// A result record class of tallowmere.api.signal_types as imported: a
-// dataclass whose generated __init__ only stores its fields in order.
-// Instances are made directly (allocation, then the stores __init__ makes)
-// while the module global of its name is this class and the class is
-// unchanged since import (its type version tag).
-struct RecordClass {
-    PyObject* cls;
-    unsigned int version_tag;  // 0: always call the class
-};
-
 struct ModuleState {
     Names names;
 
@@ -178,7 +169,9 @@ struct ModuleState {
 
     StandardLibrary standard;
 
-    RecordClass submit_result;  // SubmitResult
+    // SubmitResult as imported, made directly while the global and the class
+    // are unchanged (core/records.hpp)
+    RecordClass submit_result;
 
     // tallowmere._native and its C API, through which the sibling modules'
     // compiled functions are called (dispatch.hpp); no API when it is missing.

@@ -134,7 +134,7 @@ Ref measure_graph_complexity(const Module& m, const Ref& graph) {
         return call(python_implementation(m, Sibling::graph_complexity, n.sib_measure_graph_complexity), graph);
     }
     Ref cls = sibling_global(m, Sibling::graph_complexity, n.sib_GraphComplexity);
-    return make_record(m, m.state().siblings.graph_complexity, cls.get(),
+    return make_record(m.state().siblings.graph_complexity, cls.get(),
                        {{n.sib_depth, integer(depth)}, {n.sib_node_count, integer(count)}});
 }
 

@@ -59,40 +59,6 @@ bool same_as_snapshot(PyObject* namespace_dict, PyObject* snapshot) {
     return true;
 }
 
-// ---- record classes -------------------------------------------------------------------------
-
-// A dataclass whose generated __init__ only stores `fields`, in this order,
-// and whose instances come from object.__new__.
-bool plain_record_class(PyObject* cls, std::initializer_list<PyObject*> fields) {
-    if (!PyType_Check(cls)) return false;
-    PyTypeObject* type = reinterpret_cast<PyTypeObject*>(cls);
-    if (type->tp_new != PyBaseObject_Type.tp_new || Py_TYPE(cls) != &PyType_Type) return false;
-    Ref declared = Ref::steal(PyObject_GetAttrString(cls, "__dataclass_fields__"));
-    if (!declared) {
-        PyErr_Clear();
-        return false;
-    }
-    if (!PyDict_CheckExact(declared.get()) || PyDict_GET_SIZE(declared.get()) != static_cast<Py_ssize_t>(fields.size()))
-        return false;
-    Py_ssize_t position = 0;
-    PyObject *key, *value;
-    for (PyObject* field : fields) {
-        if (!PyDict_Next(declared.get(), &position, &key, &value) || key != field) return false;
-    }
-    Ref post_init = Ref::steal(PyObject_GetAttrString(cls, "__post_init__"));
-    if (post_init) return false;
-    PyErr_Clear();
-    return true;
-}
-
-void capture_record(RecordClass& record, PyObject* cls, std::initializer_list<PyObject*> fields) {
-    Py_XSETREF(record.cls, Py_XNewRef(cls));
-    record.version_tag = 0;
-    if (cls == nullptr || !plain_record_class(cls, fields)) return;
-    PyTypeObject* type = reinterpret_cast<PyTypeObject*>(cls);
-    if (PyUnstable_Type_AssignVersionTag(type)) record.version_tag = type->tp_version_tag;
-}
-
 // ---- registration -----------------------------------------------------------------------------
 
 constexpr auto register_sibling_signature =
@@ -199,16 +165,6 @@ Ref sibling_global(const Module& m, Sibling which, PyObject* name) {
     if (value != nullptr) return Ref(Borrowed(value));
     if (!PyErr_Occurred()) PyErr_Format(PyExc_NameError, "name '%U' is not defined", name);
     propagate();
-}
-
-Ref make_record(const Module&, const RecordClass& record, PyObject* cls, std::initializer_list<Kw> fields) {
-    PyTypeObject* type = reinterpret_cast<PyTypeObject*>(cls);
-    if (cls != record.cls || record.version_tag == 0 || type->tp_version_tag != record.version_tag) {
-        return call_kw(Ref(Borrowed(cls)), {}, fields);
-    }
-    Ref instance = Ref::checked(type->tp_alloc(type, 0));
-    for (const Kw& field : fields) check_status(PyObject_GenericSetAttr(instance.get(), field.name, field.value.get()));
-    return instance;
 }
 
 void bind_siblings(PyObject* module) {

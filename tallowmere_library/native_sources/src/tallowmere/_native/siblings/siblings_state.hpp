@@ -10,6 +10,7 @@
 #pragma once
 
 #include "_native/siblings/api.hpp"
+#include "core/records.hpp"
 #include "core/ref.hpp"
 
 #include <cstdint>
@@ -123,13 +124,6 @@ struct SiblingSlot {
     bool intact;
 };
 
-// A frozen dataclass the fast paths build instances of directly (allocation
-// and one member store per field, as its generated __init__ does), while the
-// class is unchanged since registration.
-struct RecordClass {
-    PyObject* cls;
-    unsigned int version_tag;  // the class's type version; 0 disables the direct path
-};
 
 // The timing store's class as backtest_timing defined it: the store's lookup
 // and consume run in backtest_timing.cpp while the class holds what it held

@@ -34,11 +34,6 @@ Ref python_implementation(const Module& m, Sibling which, PyObject* name);
 // The module global `name`, read now.
 Ref sibling_global(const Module& m, Sibling which, PyObject* name);
 
-// An instance of a registered record class built by keyword:
-// cls(field=value, ...), or, while the class is unchanged, the same instance
-// made directly.
-Ref make_record(const Module& m, const RecordClass& record, PyObject* cls, std::initializer_list<Kw> fields);
-
 // Records the timing store's class (and the type of the lock of `store`, the
 // module's own store) for the store's fast path, or disables that path when
 // either is not as the module defines them.

@@ -135,7 +135,7 @@ Ref evaluate_threshold_gates(const Module& m, const Ref& metrics, const Ref& thr
         if (holds == Holds::python) return defer();
         if (holds == Holds::yes) continue;
         Ref cls = sibling_global(m, here, n.sib_ThresholdGateFailure);
-        list_append(failures, make_record(m, m.state().siblings.gate_failure, cls.get(),
+        list_append(failures, make_record(m.state().siblings.gate_failure, cls.get(),
                                           {{n.sib_gate, gate.metric},
                                            {n.sib_actual, actual},
                                            {n.sib_operator, Borrowed(gate.at_most ? n.sib_at_most : n.sib_at_least)},
@@ -143,7 +143,7 @@ Ref evaluate_threshold_gates(const Module& m, const Ref& metrics, const Ref& thr
     }
     Ref cls = sibling_global(m, here, n.sib_ThresholdGateResult);
     Ref failed = Ref::checked(PyList_AsTuple(failures.get()));
-    return make_record(m, m.state().siblings.gate_result, cls.get(),
+    return make_record(m.state().siblings.gate_result, cls.get(),
                        {{n.sib_passed, boolean(PyList_GET_SIZE(failures.get()) == 0)}, {n.sib_failures, failed}});
 }
 
